@@ -1,0 +1,65 @@
+# Per-target settings shared by every bexko target: warnings and the sanitizer chosen with
+# BEXKO_SANITIZE. Applied target by target, never as global flags.
+
+if(BEXKO_SANITIZE AND NOT BEXKO_SANITIZE MATCHES "^(address|thread)$")
+  message(FATAL_ERROR "BEXKO_SANITIZE must be 'address', 'thread' or empty, not '${BEXKO_SANITIZE}'")
+endif()
+
+function(bexko_configure_target target)
+  get_target_property(type ${target} TYPE)
+  if(type STREQUAL "INTERFACE_LIBRARY")
+    return()
+  endif()
+  target_compile_options(${target} PRIVATE -Wall -Wextra -Wno-unused-parameter)
+  if(BEXKO_SANITIZE STREQUAL "address")
+    target_compile_options(${target} PRIVATE -fsanitize=address,undefined -fno-omit-frame-pointer)
+    target_link_options(${target} PRIVATE -fsanitize=address,undefined)
+  elseif(BEXKO_SANITIZE STREQUAL "thread")
+    target_compile_options(${target} PRIVATE -fsanitize=thread -fno-omit-frame-pointer)
+    target_link_options(${target} PRIVATE -fsanitize=thread)
+  endif()
+endfunction()
+
+# bexko_add_gtest(<name> SOURCES ... LIBRARIES ...): a GoogleTest executable registered with
+# ctest. Every test executable runs with its own temporary HOME and XDG folders (tests/support/isolated_main.cpp),
+# so that no test touches the user's home.
+function(bexko_add_gtest name)
+  cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;LIBRARIES" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  target_link_libraries(${name} PRIVATE ${ARG_LIBRARIES} bexko_test_main GTest::gtest GTest::gmock)
+  bexko_configure_target(${name})
+  if(NOT ARG_TIMEOUT)
+    set(ARG_TIMEOUT 120)
+  endif()
+  gtest_discover_tests(${name}
+    DISCOVERY_TIMEOUT 60
+    PROPERTIES TIMEOUT ${ARG_TIMEOUT}
+    ENVIRONMENT "BEXKO_TEST_ISOLATE=1;BEXKO_ENGINE_FAST=1")
+endfunction()
+
+# bexko_glob_sources(<out-var> <dir>): the .cpp files of <dir>; while a component has none yet,
+# one empty placeholder source, so that its target exists and the tree configures.
+function(bexko_glob_sources out dir)
+  file(GLOB sources CONFIGURE_DEPENDS ${dir}/*.cpp)
+  if(NOT sources)
+    get_filename_component(name ${dir} NAME)
+    string(MD5 key ${dir})
+    set(placeholder ${CMAKE_BINARY_DIR}/placeholders/${key}.cpp)
+    file(WRITE ${placeholder} "// ${dir} has no sources yet.\n")
+    set(sources ${placeholder})
+  endif()
+  set(${out} ${sources} PARENT_SCOPE)
+endfunction()
+
+# bexko_add_component_tests(<name> <dir> LIBRARIES ... [TIMEOUT s]): one GoogleTest executable
+# from <dir>/test_*.cpp, when there are any.
+function(bexko_add_component_tests name dir)
+  cmake_parse_arguments(ARG "" "TIMEOUT" "LIBRARIES" ${ARGN})
+  file(GLOB sources CONFIGURE_DEPENDS ${dir}/test_*.cpp)
+  if(sources AND BEXKO_BUILD_TESTS)
+    if(NOT ARG_TIMEOUT)
+      set(ARG_TIMEOUT 120)
+    endif()
+    bexko_add_gtest(${name} SOURCES ${sources} LIBRARIES ${ARG_LIBRARIES} TIMEOUT ${ARG_TIMEOUT})
+  endif()
+endfunction()

@@ -1,0 +1,4 @@
+#pragma once
+
+#include <zr/zrbroker.h>
+#include <zr/zrmodulecore.h>

@@ -1,0 +1,218 @@
+#pragma once
+
+#include <atomic>
+#include <list>
+#include <string>
+#include <vector>
+
+#include <boost/shared_ptr.hpp>
+#include <boost/thread/condition_variable.hpp>
+#include <boost/thread/mutex.hpp>
+#include <boost/thread/shared_mutex.hpp>
+
+#include <ko/audio.h>
+#include <ko/clock.h>
+#include <ko/future.h>
+#include <ko/log.h>
+#include <ko/packageinfo.h>
+#include <ko/signal.h>
+#include <zr/tts/texttospeechenginecallbackinterface.h>
+#include <zr/tts/texttospeechmanager.h>
+#include <zr/tts/ttslanguageinfo.h>
+#include <zr/tts/voicesetting.h>
+#include <zr/zrmemoryproxy.h>
+#include <zr/zrmodule.h>
+#include <zr/zrpreferencesproxy.h>
+#include <zr/zrproxy.h>
+#include <zr/zrtexttospeechmarker.h>
+#include <zr/zrtexttospeechtask.h>
+
+namespace ZR {
+
+/// The speech service, published as "ZRTextToSpeech".
+///
+/// Each request to speak becomes a task with an identifier; tasks wait in arrival order and the
+/// one at the head is synthesised on its caller's thread (the service starts no thread). The
+/// progress of every task is raised in the event store under the keys below. `ttsMutex` is held
+/// for the whole of each say, language and voice change and package reload; stop requests take
+/// only `taskQueueLock`, so that they interrupt a sentence while another thread is inside say.
+class ZRTextToSpeech : public ZRModule, public TextToSpeechEngineCallbackInterface {
+ public:
+  /// Publishes the methods, obtains the proxies, gathers the installed packages and creates the
+  /// engine. Throws ZRError when no language is installed.
+  explicit ZRTextToSpeech(boost::shared_ptr<ZRBroker> broker);
+  ~ZRTextToSpeech() override;
+
+  void exit() override;
+  void init() override;
+  /// The host's stop of a posted call: stops the task with this id.
+  void stop(const int& id) override;
+  void TTSCallBack(short* samples, unsigned int count) override;
+  void TTSEventCallBack(ZR::TextToSpeechEngineEvent event, int value,
+                        unsigned int position) override;
+
+  // Event keys of the event store -------------------------------------------------------------
+  static const std::string strTextDoneEvent;
+  static const std::string strTextStartedEvent;
+  static const std::string strCurrentBookMarkEvent;
+  static const std::string strPositionOfCurrentWordEvent;
+  static const std::string strCurrentWordEvent;
+  static const std::string strCurrentSentenceEvent;
+  static const std::string strStatusEvent;
+  static const std::string strTextInterruptedEvent;
+
+  // Published methods -------------------------------------------------------------------------
+  void say(const std::string& text);
+  void say(const std::string& text, const std::string& language);
+  void sayToFile(const std::string& text, const std::string& fileName);
+  void stopAll();
+  void setLanguage(const std::string& language);
+  std::string getLanguage();
+  std::vector<std::string> getAvailableLanguages();
+  std::vector<std::string> getSupportedLanguages();
+  void resetSpeed();
+  void setParameter(const std::string& name, const float& value);
+  float getParameter(const std::string& name);
+  void setVoice(const std::string& voice);
+  std::string getVoice();
+  std::vector<std::string> getAvailableVoices();
+  void setVolume(const float& volume);
+  float getVolume();
+  std::string locale();
+  void loadVoicePreference(const std::string& name);
+  void setDefaultLanguage(const std::string& language);
+  void setLanguageDefaultVoice(const std::string& language, const std::string& voice);
+  void setDefaultVoice();
+  void bexStoreApplicationInstalled(const std::string& key, const ZR::ZRValue& value,
+                                    const std::string& message);
+  void bexStoreApplicationUninstalled(const std::string& key, const ZR::ZRValue& value,
+                                      const std::string& message);
+  void pause();
+  void resume();
+  void enableFilter(bool enable);
+  void loadEffect(const std::string& effectPath);
+  void applyEffect(const std::string& effectName, bool enable);
+  void diagnosis() const;
+  void showVoiceSettings() const;
+  void showDictionary();
+  void reset();
+  void unloadDictionary();
+  bool deleteFromDictionary(const std::string& type, const std::string& word);
+  bool deleteFromDictionary(const std::string& word);
+  bool addToDictionary(const std::string& type, const std::string& word,
+                       const std::string& priority, const std::string& phonetic,
+                       const std::string& accent);
+  bool addToDictionary(const std::string& text, const std::string& toReplace);
+  void loadDictionary();
+
+  // Package manager signals -------------------------------------------------------------------
+  void onPackageInstalled(const ko::PackageInfo& package);
+  void onPackageRemoved(const ko::PackageInfo& package);
+
+  // Internal operations (not published; public so that the module's tests can drive them) ----
+  std::vector<ko::PackageInfo> xGetInstalledPackages() const;
+  static void addSystemEnginePackage(std::vector<ko::PackageInfo>& packages,
+                                     const std::string& engineName);
+
+  void xSay(const std::string& text, ZR::VoiceSetting setting, bool toFile,
+            const std::string& fileName);
+  int xGenerateUniqueTaskID();
+  void xCheckFile(std::string fileName);
+  void xSpeakingLoop(boost::shared_ptr<ZRTextToSpeechTask> task);
+  void xConcludeSay(boost::shared_ptr<ZRTextToSpeechTask> task, const std::string& message,
+                    const std::string& status);
+  bool xStopTask(int id);
+  void xPause();
+  void xResume();
+
+  bool keepOnlyAudibleSamples(const short* samples, int& count);
+  void drainSink();
+  void notifyTextDone(bool interrupted);
+  void cleanUp();
+  static bool isTagsOnlySentence(std::string text);
+
+  void scheduleMarker(ZRTextToSpeechMarker& marker);
+  void markerCB(ZRTextToSpeechMarker marker);
+  void flushMarkers();
+  void raiseMrkPause(std::list<ZRTextToSpeechMarker>::iterator it);
+
+  void xSetParameter(const std::string& name, const float& value);
+  bool shouldFxBeAppliedOnVoice();
+
+  void xSetLanguage(const std::string& language);
+  bool xIsLanguageInstalled(std::string language);
+  std::string xFormatLanguage(const std::string& language) const;
+  std::vector<std::string> xGetAvailableLanguages();
+
+  void xSetVoice(const std::string& voice);
+  void xSetDefaultVoice();
+  void xSetVoiceSetting(ZR::VoiceSetting setting);
+  ZR::VoiceSetting xGetVoiceSettingFromLanguage(const std::string& language);
+  void xRemoveVoiceSettingFromLanguage(const std::string& language);
+
+  void xLoadDefaultLanguage();
+
+  /// Publishes the module documentation, every method and the two signals (constructor step 3).
+  void xPublishMethods();
+
+  // Read access for tests and diagnostics -----------------------------------------------------
+  TextToSpeechManager* engine() const { return ttsManager; }
+  ZR::VoiceSetting globalSetting() const { return globalVoiceSetting; }
+  ZR::VoiceSetting appliedSetting() const { return appliedVoiceSetting; }
+  int markerAdvance() const { return mrkAdvance; }
+  int audibleMaxLevel() const { return maxLevel; }
+  int audibleMinSize() const { return minSize; }
+
+  ko::Signal<const ko::Clock::time_point&> synchroTTS;
+  ko::Signal<const std::string&> languageTTS;
+
+ private:
+  ZR::TextToSpeechManager* ttsManager;
+  boost::shared_ptr<ZR::TTSLanguageInfo> languageInfo;
+  std::list<boost::shared_ptr<ZRTextToSpeechTask>> taskQueue;
+  boost::mutex ttsMutex;
+  boost::shared_mutex taskQueueLock;
+  ZR::VoiceSetting appliedVoiceSetting;
+  ZR::VoiceSetting globalVoiceSetting;
+  boost::condition_variable_any taskAvailable;
+  ko::AudioSndFile outputFile;
+  ko::AudioSampleInfo sampleInfo;
+  boost::mutex audioMutex;
+  boost::condition_variable_any unusedCondition1;
+  boost::condition_variable_any unusedCondition2;
+  boost::condition_variable_any unusedCondition3;
+  ko::Promise<void> speakingLoopPromise;
+  bool speakingLoopPending;
+  boost::shared_ptr<ZR::ZRMemoryProxy> memoryProxy;
+  boost::shared_ptr<ZR::ZRProxy> packageManagerProxy;
+  boost::shared_ptr<ZR::ZRProxy> animatedSpeechProxy;
+  boost::shared_ptr<ZR::ZRPreferencesProxy> preferencesProxy;
+  boost::shared_ptr<ZR::ZRPreferenceManagerProxy> preferenceManagerProxy;
+  int wordPosition;
+  int textOffset;
+  float volume;
+  std::vector<std::string> currentWords;
+  boost::shared_mutex currentWordsLock;
+  // Read by stop requests on other threads while the speaking thread sets it.
+  std::atomic<int> currentTaskId;
+  int lastTaskId;
+  std::string packageInstalledEvent;
+  std::string packageRemovedEvent;
+  unsigned int bytesSent;
+  boost::shared_ptr<ZRTextToSpeechTask> currentTask;
+  boost::mutex markerMutex;
+  std::list<ZRTextToSpeechMarker> markers;
+  boost::mutex pendingMarkerMutex;
+  std::list<ZRTextToSpeechMarker> pendingMarkers;
+  int maxLevel;
+  int minSize;
+  int mrkAdvance;
+  bool lastTagResult;
+  bool reloadFlag;
+  std::string reloadText;
+};
+
+/// Logs a voice setting at info level, one record per line, under `title`.
+void printVoiceSettings(const ZR::VoiceSetting& setting, std::string title);
+
+}  // namespace ZR
