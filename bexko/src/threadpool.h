@@ -1,0 +1,50 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <functional>
+#include <memory>
+
+#include <ko/eventloop.h>
+
+namespace bexko {
+
+/// The host's pool of threads for calls that may block.
+///
+/// A task never waits for another to finish: when no thread is idle, the pool starts a new one,
+/// up to `maxThreads` (beyond that, tasks wait in arrival order). A thread that stays idle for
+/// `idleTimeout` retires. Exceptions from tasks are logged and never leave the pool's threads.
+class ThreadPool : public ko::ExecutionContext {
+ public:
+  explicit ThreadPool(std::size_t maxThreads = 256,
+                      std::chrono::milliseconds idleTimeout = std::chrono::seconds(30));
+  /// Shuts the pool down (see shutdown).
+  ~ThreadPool() override;
+  ThreadPool(const ThreadPool&) = delete;
+  ThreadPool& operator=(const ThreadPool&) = delete;
+
+  /// Runs `fn` on a pool thread after `delay`; a delay goes through the shared event loop,
+  /// which hands the task to the pool when it falls due, so that waiting costs no pool thread.
+  /// The future finishes when `fn` has run, with `fn`'s error text if it threw; it finishes with
+  /// an error when the pool is shut down before `fn` could start.
+  ko::Future<void> asyncDelay(std::function<void()> fn, std::chrono::nanoseconds delay) override;
+
+  /// Queues `fn` to run as soon as a thread is free. False, with `fn` not run, once the pool is
+  /// shut down.
+  bool submit(std::function<void()> fn);
+
+  /// Stops accepting work, lets the threads run what is already queued, and joins them.
+  /// Idempotent. Called from a pool thread, it joins every other thread and lets the calling
+  /// one finish on its own once its task returns.
+  void shutdown();
+
+  /// Threads alive now, and how many of them wait for work.
+  std::size_t threadCount() const;
+  std::size_t idleCount() const;
+
+ private:
+  struct State;
+  std::shared_ptr<State> state_;
+};
+
+}  // namespace bexko
