@@ -1,0 +1,229 @@
+#include <zr/zraudioplayerdesktop.h>
+
+#include <cerrno>
+#include <csignal>
+#include <string>
+#include <vector>
+
+#include <boost/filesystem/path.hpp>
+
+#include <ko/log.h>
+#include <ko/path.h>
+#include <zr/zrerror.h>
+
+namespace ZR {
+
+namespace {
+
+const char* const kModuleName = "ZRAudioPlayer";
+const char* const kPlayerProgram = "sndfile-play";
+const int kLastTaskId = 2147483646;
+
+ko::log::CategoryType playerCategory() {
+  static ko::log::CategoryType category = ko::log::addCategory("ZRAudioPlayer");
+  return category;
+}
+
+// The operations that are not supported log under this spelling; scripts that filter the
+// player's log by category rely on it.
+ko::log::CategoryType unsupportedCategory() {
+  static ko::log::CategoryType category = ko::log::addCategory("ZRAudioPLayer");
+  return category;
+}
+
+}  // namespace
+
+ZRAudioPlayerDesktop::ZRAudioPlayerDesktop(boost::shared_ptr<ZRBroker> broker)
+    : ZRModule(broker, kModuleName),
+      launchMutex(ZRMutex::createZRMutex()),
+      stopMutex(ZRMutex::createZRMutex()),
+      lastTaskId(0),
+      playerPath(ko::path::findBin(kPlayerProgram, false)) {
+  using Self = ZRAudioPlayerDesktop;
+  const std::string name = getName();
+  setModuleDescription("This module allows to play wav files on BEX");
+
+  functionName("playFile", name, "Plays a wav or mp3 file");
+  addParam("fileName", "Path of the sound file");
+  bindMethodOverload(
+      createFunctor(this, static_cast<void (Self::*)(const std::string&)>(&Self::playFile)));
+
+  functionName("playFile", name, "Plays a wav or mp3 file, with specific volume and audio balance");
+  addParam("fileName", "Path of the sound file");
+  addParam("volume", "volume of the sound file (must be between 0.0 and 1.0)");
+  addParam("pan", "audio balance of the sound file (-1.0 : left / 1.0 : right / 0.0 : centered)");
+  bindMethodOverload(createFunctor(
+      this, static_cast<void (Self::*)(const std::string&, const float&, const float&)>(
+                &Self::playFile)));
+
+  functionName("playFileInLoop", name, "Plays a wav or mp3 file in loop");
+  addParam("fileName", "Path of the sound file");
+  bindMethodOverload(
+      createFunctor(this, static_cast<void (Self::*)(const std::string&)>(&Self::playFileInLoop)));
+
+  functionName("playFileInLoop", name,
+               "Plays a wav or mp3 file in loop, with specific volume and audio balance");
+  addParam("fileName", "Path of the sound file");
+  addParam("volume", "volume of the sound file (must be between 0.0 and 1.0)");
+  addParam("pan", "audio balance of the sound file (-1.0 : left / 1.0 : right)");
+  bindMethodOverload(createFunctor(
+      this, static_cast<void (Self::*)(const std::string&, const float&, const float&)>(
+                &Self::playFileInLoop)));
+
+  functionName("playFileFromPosition", name,
+               "Plays a wav or mp3 file from a given position in the file.");
+  addParam("fileName", "Name of the sound file");
+  addParam("position", "Position in second where the playing has to begin");
+  bindMethodOverload(createFunctor(
+      this,
+      static_cast<void (Self::*)(const std::string&, const float&)>(&Self::playFileFromPosition)));
+
+  functionName("playFileFromPosition", name,
+               "Plays a wav or mp3 file from a given position in the file, with specific volume "
+               "and audio balance");
+  addParam("fileName", "Name of the sound file");
+  addParam("position", "Position in second where the playing has to begin");
+  addParam("volume", "volume of the sound file (must be between 0.0 and 1.0)");
+  addParam("pan", "audio balance of the sound file (-1.0 : left / 1.0 : right)");
+  bindMethodOverload(createFunctor(
+      this,
+      static_cast<void (Self::*)(const std::string&, const float&, const float&, const float&)>(
+          &Self::playFileFromPosition)));
+
+  functionName("pause", name, "Pause a play back");
+  addParam("id", "Id of the process that is playing the file you want to put in pause");
+  bindMethodOverload(createFunctor(this, &Self::pause));
+}
+
+ZRAudioPlayerDesktop::~ZRAudioPlayerDesktop() = default;
+
+void ZRAudioPlayerDesktop::init() {
+  if (playerPath.empty()) {
+    throw ZRError(kModuleName, "init", "Couldn't find audioplayer");
+  }
+}
+
+std::string ZRAudioPlayerDesktop::findAudioPlayer() {
+  return ko::path::findBin(kPlayerProgram, false);
+}
+
+void ZRAudioPlayerDesktop::playFile(const std::string& fileName) {
+  _playFileFromPosition(fileName, 0, 1.0f, 0, false);
+}
+
+void ZRAudioPlayerDesktop::playFile(const std::string& fileName, const float& volume,
+                                    const float& pan) {
+  _playFileFromPosition(fileName, 0, volume, pan, false);
+}
+
+void ZRAudioPlayerDesktop::playFileInLoop(const std::string& fileName) {
+  while (_playFileFromPosition(fileName, 0, 1.0f, 0, true)) {
+  }
+}
+
+void ZRAudioPlayerDesktop::playFileInLoop(const std::string& fileName, const float& volume,
+                                          const float& pan) {
+  while (_playFileFromPosition(fileName, 0, volume, pan, true)) {
+  }
+}
+
+void ZRAudioPlayerDesktop::_playFileInLoop(const std::string& fileName, float volume, float pan) {
+  while (_playFileFromPosition(fileName, 0, volume, pan, true)) {
+  }
+}
+
+void ZRAudioPlayerDesktop::playFileFromPosition(const std::string& fileName,
+                                                const float& position) {
+  _playFileFromPosition(fileName, position, 1.0f, 0, false);
+}
+
+void ZRAudioPlayerDesktop::playFileFromPosition(const std::string& fileName, const float& position,
+                                                const float& volume, const float& pan) {
+  _playFileFromPosition(fileName, position, volume, pan, false);
+}
+
+bool ZRAudioPlayerDesktop::_playFileFromPosition(const std::string& fileName, float position,
+                                                 float volume, float pan, bool loop) {
+  static const char* const kMethod = "_playFileFromPosition";
+  if (!isAWavFile(fileName) && !isAOggFile(fileName)) {
+    throw ZRError(kModuleName, kMethod, "Format not supported. Only .ogg and .wav are supported");
+  }
+
+  // A posted call is known to its client by the host's call id, which is also what the host's
+  // stop passes back to us; a loop that was posted reuses it for every pass.
+  const int taskId = isPCalled() ? getMethodID() : xGenerateUniqueTaskID();
+
+  // The library path is handed to the player as its second argument, not set in its
+  // environment; players installed by the host accept it there.
+  const std::string libraryPath =
+      "DYLD_LIBRARY_PATH=" + (boost::filesystem::path(ko::path::sdkPrefix()) / "lib").string();
+  const char* const argv[] = {playerPath.c_str(), fileName.c_str(), libraryPath.c_str(), nullptr};
+  const int pid = ko::os::spawnvp(argv);
+  KO_LOG(playerCategory(), ko::log::info, kMethod)
+      << "Launch " << playerPath << " " << fileName << " -> pid = " << pid;
+  if (pid == -1) {
+    throw ZRError(kModuleName, kMethod, "Cannot launch " + playerPath + " --file " + fileName);
+  }
+
+  {
+    ZRCriticalSection lock(launchMutex);
+    taskToPid[taskId] = pid;
+  }
+
+  int status = 0;
+  const int waited = ko::os::waitpid(pid, &status);
+  if (waited != 0) {
+    const int waitError = errno;
+    KO_LOG(playerCategory(), ko::log::warning, kMethod)
+        << "Waiting pid " << pid << " returned " << waited << " (errno=" << waitError << ")";
+  }
+  if (status != 0) {
+    KO_LOG(playerCategory(), ko::log::warning, kMethod)
+        << "Audioplayer exited abnormally with the code=" << status;
+  }
+
+  ZRCriticalSection lock(stopMutex);
+  auto running = taskToPid.find(taskId);
+  if (running == taskToPid.end()) {
+    return false;  // a stop removed it
+  }
+  taskToPid.erase(running);
+  return true;
+}
+
+void ZRAudioPlayerDesktop::stop(const int& id) {
+  ZRCriticalSection lock(stopMutex);
+  auto running = taskToPid.find(id);
+  if (running == taskToPid.end()) {
+    return;
+  }
+  const int pid = running->second;
+  KO_LOG(playerCategory(), ko::log::verbose, "stop") << "kill " << pid;
+  const int result = ko::os::kill(pid, SIGTERM);
+  KO_LOG(playerCategory(), ko::log::verbose, "stop") << "kill ret = " << result;
+  taskToPid.erase(running);
+}
+
+void ZRAudioPlayerDesktop::pause(const int& id) {
+  KO_LOG(unsupportedCategory(), ko::log::warning, "pause") << "pause is not yet supported";
+}
+
+int ZRAudioPlayerDesktop::loadFile(const std::string& fileName) {
+  KO_LOG(unsupportedCategory(), ko::log::warning, "loadFile")
+      << "LoadFile is not implemented yet...";
+  return -1;
+}
+
+void ZRAudioPlayerDesktop::_play(int id, float volume, float pan, bool loop) {
+  KO_LOG(unsupportedCategory(), ko::log::warning, "_play") << "play is not yet supported";
+}
+
+int ZRAudioPlayerDesktop::xGenerateUniqueTaskID() {
+  ZRCriticalSection lock(launchMutex);
+  if (lastTaskId == kLastTaskId) {
+    lastTaskId = 0;
+  }
+  return ++lastTaskId;
+}
+
+}  // namespace ZR
