@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <list>
 #include <string>
 #include <vector>
@@ -28,6 +29,25 @@
 #include <zr/zrtexttospeechtask.h>
 
 namespace ZR {
+
+/// The value form of a time of the framework's clock, so that the signal "synchroTTS" can be
+/// published to clients that know it by name: [seconds, nanoseconds] since the clock's epoch.
+template <>
+struct ZRValueConverter<ko::Clock::time_point> {
+  static ZRValue toValue(const ko::Clock::time_point& t) {
+    const auto since = t.time_since_epoch();
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(since);
+    const auto nanoseconds = std::chrono::duration_cast<std::chrono::nanoseconds>(since - seconds);
+    return ZRValue::array<int, int>(static_cast<int>(seconds.count()),
+                                    static_cast<int>(nanoseconds.count()));
+  }
+  static ko::Clock::time_point fromValue(const ZRValue& v) {
+    if (!v.isArray() || v.getSize() != 2) detail::throwConversionError("time", v);
+    return ko::Clock::time_point(std::chrono::seconds(v[0].toInt()) +
+                                 std::chrono::nanoseconds(v[1].toInt()));
+  }
+  static const char* typeName() { return "time"; }
+};
 
 /// The speech service, published as "ZRTextToSpeech".
 ///

@@ -1,0 +1,150 @@
+// What the engine reports while it synthesises: audio blocks, words, markers and the end of a
+// sentence; and the routines that close a sentence.
+#include <zr/zrtexttospeech.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <string>
+
+#include <QRegExp>
+#include <QString>
+
+#include <zr/zrerror.h>
+
+namespace ZR {
+
+namespace {
+
+ko::log::CategoryType logCategory() {
+  static const ko::log::CategoryType category = ko::log::addCategory("audio.zrtexttospeech.main");
+  return category;
+}
+
+// Markers above this number are pause marks for the animated-speech module.
+constexpr int kLastBookmark = 64535;
+
+}  // namespace
+
+void ZRTextToSpeech::TTSCallBack(short* samples, unsigned int count) {
+  // The desktop build plays no audio: the samples are discarded.
+}
+
+void ZRTextToSpeech::TTSEventCallBack(ZR::TextToSpeechEngineEvent event, int value,
+                                      unsigned int position) {
+  // The engine calls back from its synthesis loop: nothing may unwind into it.
+  try {
+    switch (static_cast<unsigned int>(event)) {
+      case 0: {
+        ZRTextToSpeechMarker marker;
+        marker.value = value;
+        marker.position = position;
+        marker.taskId = currentTaskId;
+        marker.isPause = value > kLastBookmark ? 1 : 0;
+        {
+          boost::lock_guard<boost::mutex> lock(markerMutex);
+          if (!marker.isPause) {
+            if (markers.empty()) {
+              scheduleMarker(marker);
+            }
+            markers.push_back(marker);
+          }
+        }
+        if (marker.isPause) {
+          boost::lock_guard<boost::mutex> lock(pendingMarkerMutex);
+          pendingMarkers.push_back(marker);
+        }
+        break;
+      }
+      case 1: {
+        wordPosition = value + textOffset + 1;
+        std::string word;
+        {
+          boost::unique_lock<boost::shared_mutex> wordsLock(currentWordsLock);
+          if (currentWords.empty()) {
+            break;
+          }
+          word = currentWords.front();
+          currentWords.erase(currentWords.begin());
+        }
+        memoryProxy->raiseEvent(strPositionOfCurrentWordEvent, ZRValue(wordPosition));
+        memoryProxy->raiseEvent(strCurrentWordEvent, ZRValue(word));
+        break;
+      }
+      case 2:
+        break;
+      case 3:
+        boost::atomic_store(&currentTask, boost::shared_ptr<ZRTextToSpeechTask>());
+        break;
+      default:
+        KO_LOG(logCategory(), ko::log::error, "TTSEventCallBack")
+            << "event not recognized: " << static_cast<unsigned int>(event);
+        break;
+    }
+  } catch (const std::exception& e) {
+    KO_LOG(logCategory(), ko::log::error, "TTSEventCallBack")
+        << "engine event " << static_cast<unsigned int>(event) << " not handled: " << e.what();
+  }
+}
+
+bool ZRTextToSpeech::keepOnlyAudibleSamples(const short* samples, int& count) {
+  const int n = count;
+  if (n <= 0) {
+    return n >= 0;
+  }
+  int run = 0;
+  for (int i = 0; i < n; ++i) {
+    if (std::abs(static_cast<int>(samples[i])) > maxLevel) {
+      run = 0;
+    } else {
+      ++run;
+    }
+  }
+  if (run >= std::min(static_cast<int>(minSize), n)) {
+    count = n - run;
+  }
+  return count >= 0;
+}
+
+void ZRTextToSpeech::drainSink() {
+  // Bookmark timing reads the played bytes under the marker lock.
+  boost::lock_guard<boost::mutex> lock(markerMutex);
+  bytesSent = 0;
+}
+
+void ZRTextToSpeech::notifyTextDone(bool interrupted) {
+  KO_LOG(logCategory(), ko::log::info, "notifyTextDone") << "text done";
+  try {
+    if (!interrupted) {
+      memoryProxy->raiseEvent(strTextDoneEvent, ZRValue(1));
+      memoryProxy->raiseEvent(strTextStartedEvent, ZRValue(0));
+    }
+    memoryProxy->raiseEvent(strCurrentBookMarkEvent, ZRValue(0));
+    memoryProxy->raiseEvent(strPositionOfCurrentWordEvent, ZRValue(0));
+    memoryProxy->raiseEvent(strCurrentWordEvent, ZRValue(std::string()));
+  } catch (const ZRError& e) {
+    KO_LOG(logCategory(), ko::log::warning, "notifyTextDone")
+        << " failed to raise event: " << e.what();
+  }
+  cleanUp();
+  taskAvailable.notify_all();
+}
+
+void ZRTextToSpeech::cleanUp() {
+  flushMarkers();
+  {
+    boost::lock_guard<boost::mutex> lock(pendingMarkerMutex);
+    if (!pendingMarkers.empty()) {
+      raiseMrkPause(pendingMarkers.begin());
+    }
+  }
+  xSetVoiceSetting(ZR::VoiceSetting(globalVoiceSetting));
+  currentTaskId = -1;
+}
+
+bool ZRTextToSpeech::isTagsOnlySentence(std::string text) {
+  const QString sentence = QString::fromLocal8Bit(text.c_str());
+  const QRegExp tagsOnly("^ *(\\\\[^\\\\]*\\\\ *)*$");
+  return tagsOnly.indexIn(sentence) == 0;
+}
+
+}  // namespace ZR
