@@ -1,0 +1,35 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+
+#include <boost/beast/core.hpp>
+#include <boost/beast/http.hpp>
+
+namespace bexko {
+namespace gateway {
+
+class SharedState;
+
+/// Reads the HTTP request of a new connection. A WebSocket upgrade that passes the access
+/// checks (Origin, token) becomes a WebSocketSession; anything else gets an HTTP error answer
+/// and the connection is closed.
+class HttpSession : public std::enable_shared_from_this<HttpSession> {
+ public:
+  HttpSession(boost::asio::ip::tcp::socket&& socket, std::shared_ptr<SharedState> state);
+  void run();
+
+ private:
+  void read();
+  void onRead(boost::beast::error_code ec, std::size_t bytes);
+  void refuse(boost::beast::http::status status, const std::string& text);
+
+  boost::beast::tcp_stream stream_;
+  boost::beast::flat_buffer buffer_;
+  std::shared_ptr<SharedState> state_;
+  std::optional<boost::beast::http::request_parser<boost::beast::http::string_body>> parser_;
+  std::shared_ptr<boost::beast::http::response<boost::beast::http::string_body>> response_;
+};
+
+}  // namespace gateway
+}  // namespace bexko

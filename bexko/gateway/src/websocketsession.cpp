@@ -1,0 +1,158 @@
+#include "websocketsession.h"
+
+#include <boost/asio/post.hpp>
+
+#include <bexko/gateway/rpcsession.h>
+#include <ko/log.h>
+#include "sharedstate.h"
+
+namespace bexko {
+namespace gateway {
+
+namespace beast = boost::beast;
+namespace http = beast::http;
+namespace net = boost::asio;
+namespace websocket = beast::websocket;
+
+namespace {
+ko::log::CategoryType logCategory() {
+  static ko::log::CategoryType category = ko::log::addCategory("bexko.gateway.websocket");
+  return category;
+}
+}  // namespace
+
+WebSocketSession::WebSocketSession(net::ip::tcp::socket&& socket,
+                                   std::shared_ptr<SharedState> state)
+    : ws_(std::move(socket)), state_(std::move(state)) {}
+
+WebSocketSession::~WebSocketSession() {
+  if (rpc_) rpc_->close();
+}
+
+void WebSocketSession::run(http::request<http::string_body> request) {
+  ws_.set_option(websocket::stream_base::timeout::suggested(beast::role_type::server));
+  ws_.set_option(websocket::stream_base::decorator(
+      [](websocket::response_type& response) { response.set(http::field::server, "bexko"); }));
+  ws_.read_message_max(state_->options().maxMessageBytes);
+  ws_.async_accept(request,
+                   [self = shared_from_this()](beast::error_code ec) { self->onAccept(ec); });
+}
+
+void WebSocketSession::onAccept(beast::error_code ec) {
+  if (ec) {
+    KO_LOG(logCategory(), ko::log::verbose, "onAccept") << "handshake failed: " << ec.message();
+    return;
+  }
+  std::weak_ptr<WebSocketSession> weak = shared_from_this();
+  rpc_ = RpcSession::create(
+      state_->broker(),
+      [weak](std::string text) {
+        if (auto self = weak.lock()) self->send(std::move(text));
+      },
+      state_->options().limits);
+  state_->join(shared_from_this());
+  KO_LOG(logCategory(), ko::log::verbose, "onAccept")
+      << "client connected from " << beast::get_lowest_layer(ws_).socket().remote_endpoint(ec);
+  read();
+}
+
+void WebSocketSession::read() {
+  ws_.async_read(buffer_, [self = shared_from_this()](beast::error_code ec, std::size_t bytes) {
+    self->onRead(ec, bytes);
+  });
+}
+
+void WebSocketSession::onRead(beast::error_code ec, std::size_t) {
+  if (ec) {
+    if (ec == websocket::error::message_too_big) {
+      KO_LOG(logCategory(), ko::log::warning, "onRead")
+          << "closed a connection that sent a frame over " << state_->options().maxMessageBytes
+          << " bytes";
+    } else if (ec != websocket::error::closed && ec != net::error::operation_aborted) {
+      KO_LOG(logCategory(), ko::log::verbose, "onRead") << "connection ended: " << ec.message();
+    }
+    end();
+    return;
+  }
+  if (!ws_.got_text()) {
+    send(R"({"jsonrpc":"2.0","id":null,"error":{"code":-32600,"message":"Invalid Request: )"
+         R"(send JSON-RPC requests as text frames"}})");
+  } else {
+    rpc_->handleText(beast::buffers_to_string(buffer_.data()));
+  }
+  buffer_.consume(buffer_.size());
+  read();
+}
+
+void WebSocketSession::send(std::string text) {
+  auto shared = std::make_shared<const std::string>(std::move(text));
+  net::post(ws_.get_executor(), [self = shared_from_this(), shared] { self->onSend(shared); });
+}
+
+void WebSocketSession::onSend(std::shared_ptr<const std::string> text) {
+  if (closing_ || ended_) return;
+  if (queuedBytes_ + text->size() > state_->options().maxQueuedBytes) {
+    KO_LOG(logCategory(), ko::log::warning, "onSend")
+        << "disconnecting a client that does not read its answers (" << queuedBytes_
+        << " bytes waiting)";
+    closeWith(websocket::close_code::policy_error, "too many unread messages");
+    return;
+  }
+  queuedBytes_ += text->size();
+  queue_.push_back(std::move(text));
+  if (queue_.size() == 1) write();
+}
+
+void WebSocketSession::write() {
+  ws_.text(true);
+  ws_.async_write(net::buffer(*queue_.front()),
+                  [self = shared_from_this()](beast::error_code ec, std::size_t bytes) {
+                    self->onWrite(ec, bytes);
+                  });
+}
+
+void WebSocketSession::onWrite(beast::error_code ec, std::size_t) {
+  if (ec) {
+    queue_.clear();
+    queuedBytes_ = 0;
+    end();
+    return;
+  }
+  queuedBytes_ -= queue_.front()->size();
+  queue_.pop_front();
+  if (closing_) {
+    queue_.clear();
+    queuedBytes_ = 0;
+    return;
+  }
+  if (!queue_.empty()) write();
+}
+
+void WebSocketSession::close() {
+  net::post(ws_.get_executor(), [self = shared_from_this()] {
+    self->closeWith(websocket::close_code::going_away, "the host is shutting down");
+  });
+}
+
+void WebSocketSession::closeWith(websocket::close_code code, const std::string& reason) {
+  if (closing_ || ended_) return;
+  closing_ = true;
+  // The frame being written stays alive until its write ends; the rest is dropped.
+  if (queue_.size() > 1) queue_.erase(queue_.begin() + 1, queue_.end());
+  ws_.async_close(websocket::close_reason(code, reason),
+                  [self = shared_from_this()](beast::error_code) { self->end(); });
+}
+
+void WebSocketSession::detach() {
+  if (rpc_) rpc_->close();
+}
+
+void WebSocketSession::end() {
+  if (ended_) return;
+  ended_ = true;
+  if (rpc_) rpc_->close();
+  state_->leave(this);
+}
+
+}  // namespace gateway
+}  // namespace bexko

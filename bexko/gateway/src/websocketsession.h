@@ -1,0 +1,55 @@
+#pragma once
+
+#include <cstddef>
+#include <deque>
+#include <memory>
+#include <string>
+
+#include <boost/beast/core.hpp>
+#include <boost/beast/http.hpp>
+#include <boost/beast/websocket.hpp>
+
+namespace bexko {
+namespace gateway {
+
+class RpcSession;
+class SharedState;
+
+/// One WebSocket connection: reads text frames into its RpcSession and writes the answers and
+/// notifications it produces, one frame at a time, in the order they were produced.
+class WebSocketSession : public std::enable_shared_from_this<WebSocketSession> {
+ public:
+  WebSocketSession(boost::asio::ip::tcp::socket&& socket, std::shared_ptr<SharedState> state);
+  ~WebSocketSession();
+
+  /// Accepts the upgrade `request` and starts reading.
+  void run(boost::beast::http::request<boost::beast::http::string_body> request);
+  /// Queues a text frame; safe from any thread.
+  void send(std::string text);
+  /// Closes the connection with "going away"; safe from any thread.
+  void close();
+  /// Detaches the RpcSession without touching the socket, once the network threads are gone.
+  void detach();
+
+ private:
+  void onAccept(boost::beast::error_code ec);
+  void read();
+  void onRead(boost::beast::error_code ec, std::size_t bytes);
+  void onSend(std::shared_ptr<const std::string> text);
+  void write();
+  void onWrite(boost::beast::error_code ec, std::size_t bytes);
+  void closeWith(boost::beast::websocket::close_code code, const std::string& reason);
+  void end();
+
+  boost::beast::websocket::stream<boost::beast::tcp_stream> ws_;
+  boost::beast::flat_buffer buffer_;
+  std::shared_ptr<SharedState> state_;
+  std::shared_ptr<RpcSession> rpc_;
+  std::deque<std::shared_ptr<const std::string>> queue_;
+  std::size_t queuedBytes_ = 0;
+  bool closing_ = false;
+  bool ended_ = false;
+};
+
+}  // namespace gateway
+}  // namespace bexko
