@@ -121,9 +121,16 @@ TEST_F(MemoryTest, EmptyKeyIsRejected) {
 }
 
 TEST_F(MemoryTest, SubscriberSeesValuesInRaiseOrderAcrossThreads) {
-  // A slow subscriber lets deliveries pile up, and a fast one drains as they come.
-  FakeModule& slow = addListener("SlowListener", [](const std::vector<ZRValue>& args) {
-    if (args[1].toInt() % 7 == 0) std::this_thread::sleep_for(std::chrono::microseconds(200));
+  // A slow subscriber lets deliveries pile up, and a fast one drains as they come. The slow
+  // one also checks that its deliveries never overlap, which is what keeps them in order.
+  std::atomic<int> inFlight{0}, maxInFlight{0};
+  FakeModule& slow = addListener("SlowListener", [&](const std::vector<ZRValue>& args) {
+    int now = ++inFlight;
+    int seen = maxInFlight.load();
+    while (now > seen && !maxInFlight.compare_exchange_weak(seen, now)) {
+    }
+    if (args[1].toInt() % 7 == 0) std::this_thread::sleep_for(std::chrono::microseconds(300));
+    --inFlight;
     return ZRValue();
   });
   FakeModule& fast = addListener("FastListener");
@@ -143,6 +150,7 @@ TEST_F(MemoryTest, SubscriberSeesValuesInRaiseOrderAcrossThreads) {
   EXPECT_EQ(raised, deliveredValues(slow.calls(), "Race/Key"));
   EXPECT_EQ(raised, deliveredValues(fast.calls(), "Race/Key"));
   EXPECT_EQ(raised.back(), memory.getData("Race/Key"));
+  EXPECT_EQ(1, maxInFlight.load());
 }
 
 TEST_F(MemoryTest, MicroEventCallbackGetsKeyValueAndMessage) {
