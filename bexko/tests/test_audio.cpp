@@ -71,6 +71,7 @@ class AudioSndFileTest : public ::testing::Test {
   void SetUp() override {
     folder_ = fs::path(std::getenv("BEXKO_TEST_ROOT")) / "audio" /
               ::testing::UnitTest::GetInstance()->current_test_info()->name();
+    fs::remove_all(folder_);  // a repeated run starts from an empty folder
     fs::create_directories(folder_);
     info_.sampleRate = 16000;
     info_.channels = 2;

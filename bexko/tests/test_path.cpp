@@ -26,6 +26,7 @@ class PathTest : public ::testing::Test {
     const char* testRoot = std::getenv("BEXKO_TEST_ROOT");
     ASSERT_NE(testRoot, nullptr);
     root_ = fs::path(testRoot) / ::testing::UnitTest::GetInstance()->current_test_info()->name();
+    fs::remove_all(root_);  // a repeated run starts from an empty tree
     fs::create_directories(root_);
     env_.set("XDG_DATA_HOME", (root_ / "data").string());
     env_.set("XDG_DATA_DIRS", (root_ / "sys1").string() + ":" + (root_ / "sys2").string());

@@ -172,6 +172,7 @@ class PreferenceXmlFile : public ::testing::Test {
   void SetUp() override {
     folder_ = fs::path(std::getenv("BEXKO_TEST_ROOT")) / "prefs" /
               ::testing::UnitTest::GetInstance()->current_test_info()->name();
+    fs::remove_all(folder_);  // a repeated run starts from an empty folder
     fs::create_directories(folder_);
   }
   std::vector<std::string> folderEntries() const {
