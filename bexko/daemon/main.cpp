@@ -1,0 +1,209 @@
+// bexko: the desktop host. Creates the broker and its built-in services, loads module libraries,
+// serves clients through the gateway and shuts everything down on SIGINT or SIGTERM.
+#include <dlfcn.h>
+#include <pthread.h>
+#include <signal.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+#include <boost/shared_ptr.hpp>
+
+#include <bexko/gateway/gateway.h>
+#include <bexko/services/builtinservices.h>
+#include <ko/log.h>
+#include <ko/path.h>
+#include <zr/zrbroker.h>
+#include <zr/zrbrokermanager.h>
+
+namespace {
+
+ko::log::CategoryType logCategory() {
+  static ko::log::CategoryType category = ko::log::addCategory("bexko.daemon");
+  return category;
+}
+
+using CreateModuleFunction = int (*)(boost::shared_ptr<ZR::ZRBroker>);
+
+/// Loads one module library and enters it. The library stays loaded for the life of the
+/// process: its modules' code must outlive every reference the host may still hold.
+bool loadModuleLibrary(const std::string& path, const boost::shared_ptr<ZR::ZRBroker>& broker) {
+  void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+  if (!handle) {
+    KO_LOG(logCategory(), ko::log::error, "loadModuleLibrary")
+        << "cannot load " << path << ": " << dlerror();
+    return false;
+  }
+  auto create = reinterpret_cast<CreateModuleFunction>(dlsym(handle, "_createModule"));
+  if (!create) {
+    KO_LOG(logCategory(), ko::log::error, "loadModuleLibrary")
+        << path << " has no _createModule entry point";
+    return false;
+  }
+  try {
+    const int status = create(broker);
+    KO_LOG(logCategory(), ko::log::info, "loadModuleLibrary")
+        << "loaded " << path << " (_createModule returned " << status << ")";
+  } catch (const std::exception& e) {
+    KO_LOG(logCategory(), ko::log::error, "loadModuleLibrary")
+        << "_createModule of " << path << " failed: " << e.what();
+    return false;
+  }
+  return true;
+}
+
+/// Splits "ADDRESS:PORT"; IPv6 addresses come in brackets ("[::1]:9559").
+bool parseListen(const std::string& text, std::string& address, unsigned short& port) {
+  const auto colon = text.rfind(':');
+  if (colon == std::string::npos || colon == 0 || colon + 1 == text.size()) return false;
+  address = text.substr(0, colon);
+  if (address.size() > 2 && address.front() == '[' && address.back() == ']') {
+    address = address.substr(1, address.size() - 2);
+  }
+  const std::string portText = text.substr(colon + 1);
+  if (portText.find_first_not_of("0123456789") != std::string::npos || portText.size() > 5) {
+    return false;
+  }
+  const unsigned long value = std::stoul(portText);
+  if (value > 65535) return false;
+  port = static_cast<unsigned short>(value);
+  return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // Every thread the host starts inherits this mask, so that the two stop signals reach only
+  // the sigwait below and shutdown runs on the main thread, where nothing else is going on.
+  sigset_t stopSignals;
+  sigemptyset(&stopSignals);
+  sigaddset(&stopSignals, SIGINT);
+  sigaddset(&stopSignals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+  signal(SIGPIPE, SIG_IGN);
+
+  CLI::App app{
+      "bexko: the desktop host. It runs the built-in services (ZRMemory, ZRPreferences,\n"
+      "ZRPreferenceManager, PackageManager) and the modules of the libraries given on the\n"
+      "command line, and serves them to clients as JSON-RPC 2.0 over a WebSocket. Once ready it\n"
+      "prints one line \"listening on ws://ADDRESS:PORT\" on standard output. SIGINT or SIGTERM\n"
+      "stops every module and the gateway, and the host exits with status 0.\n"
+      "Files live under $XDG_CONFIG_HOME/bexko (preferences, voice files) and\n"
+      "$XDG_DATA_HOME/bexko (preference database, packages, dictionary).",
+      "bexko"};
+
+  const std::string defaultLibrary = ko::path::sdkPrefix() + "/lib/libbexko-tts.so";
+  std::vector<std::string> libraries;
+  std::string listen = "127.0.0.1:9559";
+  std::string token;
+  std::string logLevel;
+  std::string logFile;
+  bool noModules = false;
+  std::size_t maxMessageBytes = 1024 * 1024;
+
+  app.add_option("libraries", libraries,
+                 "Module libraries to load with dlopen and enter through _createModule, in "
+                 "order (default: " +
+                     defaultLibrary + ", the speech and audio modules)");
+  app.add_flag("--no-modules", noModules,
+               "Load no module library: serve the built-in services alone");
+  app.add_option("--listen", listen,
+                 "Address and port of the gateway, ADDRESS:PORT (IPv6 in brackets); port 0 "
+                 "picks a free port. An address other than loopback needs --token")
+      ->capture_default_str();
+  app.add_option("--token", token,
+                 "Access token that every client must present (ws://HOST:PORT/?token=TOKEN or "
+                 "\"Authorization: Bearer TOKEN\"); also read from BEXKO_TOKEN. When set it is "
+                 "required on every address, loopback included")
+      ->envname("BEXKO_TOKEN");
+  app.add_option("--log-level", logLevel,
+                 "Log levels per category: comma-separated GLOB=LEVEL rules, the later matching "
+                 "rule winning, a bare LEVEL meaning *=LEVEL; levels silent, fatal, error, "
+                 "warning, info, verbose, debug or 0-6 (example: \"audio.*=verbose,*=info\"); "
+                 "also read from BEXKO_LOG_LEVEL. Default: info")
+      ->envname("BEXKO_LOG_LEVEL");
+  app.add_option("--log-file", logFile, "Also append every log record to this file");
+  app.add_option("--max-message-bytes", maxMessageBytes,
+                 "Largest request frame accepted; a client sending a bigger one is "
+                 "disconnected with WebSocket status 1009")
+      ->capture_default_str()
+      ->check(CLI::Range(std::size_t(1024), std::size_t(64) * 1024 * 1024));
+
+  CLI11_PARSE(app, argc, argv);
+
+  std::string address;
+  unsigned short port = 0;
+  if (!parseListen(listen, address, port)) {
+    std::cerr << "bexko: --listen wants ADDRESS:PORT, not \"" << listen << "\"\n";
+    return 2;
+  }
+  try {
+    if (!logLevel.empty()) ko::log::setLevels(logLevel);
+  } catch (const std::exception& e) {
+    std::cerr << "bexko: bad --log-level \"" << logLevel << "\": " << e.what() << "\n";
+    return 2;
+  }
+  ko::log::addSink(std::make_shared<ko::log::ConsoleSink>());
+  if (!logFile.empty()) {
+    try {
+      ko::log::addSink(std::make_shared<ko::log::FileSink>(logFile));
+    } catch (const std::exception& e) {
+      std::cerr << "bexko: cannot open the log file: " << e.what() << "\n";
+      return 2;
+    }
+  }
+  if (libraries.empty() && !noModules) libraries.push_back(defaultLibrary);
+
+  boost::shared_ptr<ZR::ZRBrokerManager> manager(new ZR::ZRBrokerManager());
+  ZR::ZRBrokerManager::setInstance(manager);
+  boost::shared_ptr<ZR::ZRBroker> broker = ZR::ZRBroker::create("bexko", manager);
+  manager->addBroker(broker);
+
+  try {
+    bexko::services::createBuiltinServices(broker);
+  } catch (const std::exception& e) {
+    KO_LOG(logCategory(), ko::log::fatal, "main")
+        << "cannot start the built-in services: " << e.what();
+    broker->shutdown();
+    return 1;
+  }
+  for (const auto& library : libraries) {
+    if (!loadModuleLibrary(library, broker)) {
+      broker->shutdown();
+      return 1;
+    }
+  }
+
+  bexko::gateway::GatewayOptions options;
+  options.address = address;
+  options.port = port;
+  options.token = token;
+  options.maxMessageBytes = maxMessageBytes;
+  bexko::gateway::Gateway gateway(broker, options);
+  try {
+    gateway.start();
+  } catch (const std::exception& e) {
+    KO_LOG(logCategory(), ko::log::fatal, "main") << e.what();
+    std::cerr << "bexko: " << e.what() << "\n";
+    broker->shutdown();
+    return 1;
+  }
+  std::cout << "listening on " << gateway.url() << std::endl;
+
+  int received = 0;
+  sigwait(&stopSignals, &received);
+  KO_LOG(logCategory(), ko::log::info, "main")
+      << "received " << (received == SIGINT ? "SIGINT" : "SIGTERM") << ", stopping";
+
+  gateway.stop();
+  broker->shutdown();
+  manager->removeBroker(broker);
+  ZR::ZRBrokerManager::setInstance({});
+  KO_LOG(logCategory(), ko::log::info, "main") << "stopped";
+  return 0;
+}
