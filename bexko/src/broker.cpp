@@ -261,8 +261,11 @@ ZRPostedCall ZRBroker::post(const std::string& module, const std::string& method
   const int id = posted.id;
   auto finish = [id, done, promise](Impl* impl, const ZRCallOutcome& outcome) mutable {
     // The handler runs before the call counts as finished, so that whoever waits for the call
-    // also sees what the handler did with its outcome.
+    // also sees what the handler did with its outcome; and the call stops counting as running
+    // before its result is published, so that a waiter woken by the result never sees it
+    // still running.
     deliver(done, outcome, "post");
+    if (impl) impl->postFinished(id);
     if (outcome.ok) {
       promise.setValue(outcome.value);
     } else if (outcome.error) {
@@ -270,7 +273,6 @@ ZRPostedCall ZRBroker::post(const std::string& module, const std::string& method
     } else {
       promise.setError(outcome.otherError);
     }
-    if (impl) impl->postFinished(id);
   };
   auto task = [weak, module, method, args = std::move(args), id, finish]() mutable {
     boost::shared_ptr<ZRBroker> self = weak.lock();
