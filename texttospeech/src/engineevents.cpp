@@ -137,7 +137,14 @@ void ZRTextToSpeech::cleanUp() {
       raiseMrkPause(pendingMarkers.begin());
     }
   }
-  xSetVoiceSetting(ZR::VoiceSetting(globalVoiceSetting));
+  try {
+    xSetVoiceSetting(ZR::VoiceSetting(globalVoiceSetting));
+  } catch (const ZRError& e) {
+    // The stop itself succeeded; the setting is applied again by the next sentence, since a
+    // failed attempt leaves the applied setting as it was.
+    KO_LOG(logCategory(), ko::log::error, "cleanUp")
+        << "Could not apply the voice setting again: " << e.what();
+  }
   currentTaskId = -1;
 }
 

@@ -10,6 +10,7 @@
 #include <boost/make_shared.hpp>
 #include <boost/weak_ptr.hpp>
 
+#include <ko/eventloop.h>
 #include <ko/object.h>
 #include <ko/path.h>
 #include <zr/zrerror.h>
@@ -25,6 +26,8 @@ ko::log::CategoryType logCategory() {
 
 // Waits on the session without a practical time limit.
 constexpr int kNoTimeLimit = 2147483647;
+// How long the destructor waits for a bookmark callback that is running on the event loop.
+constexpr int kLoopBarrierMs = 5000;
 
 // A package-manager subscriber that holds the module weakly, so that a signal emitted while the
 // module is being destroyed cannot reach a dead object.
@@ -123,22 +126,18 @@ ZRTextToSpeech::~ZRTextToSpeech() {
   delete ttsManager;
   ttsManager = nullptr;
 
-  // A bookmark timer still pending on the event loop holds a pointer to this object: cancel it
-  // and let a callback already running finish before the members go away.
-  std::vector<ko::Future<void>> timers;
+  // A bookmark timer still pending on the event loop holds a pointer to this object: cancel
+  // the pending one, then let the loop run past whatever callback it is running now.
   {
     boost::lock_guard<boost::mutex> lock(markerMutex);
     for (ZRTextToSpeechMarker& marker : markers) {
-      timers.push_back(marker.timer);
+      marker.timer.cancel();
     }
     markers.clear();
   }
   ko::EventLoop* loop = ko::getEventLoop();
-  for (ko::Future<void>& timer : timers) {
-    timer.cancel();
-    if (!loop->isInLoopThread()) {
-      timer.wait();
-    }
+  if (!loop->isInLoopThread()) {
+    loop->post([] {}).wait(kLoopBarrierMs);
   }
 }
 
