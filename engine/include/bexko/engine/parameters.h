@@ -14,10 +14,10 @@ namespace engine {
 /// | name                | default | range    | meaning                                        |
 /// |---------------------|---------|----------|------------------------------------------------|
 /// | "speed"             | 100     | 50 - 400 | speaking rate                                  |
-/// | "defaultVoiceSpeed" | 100     | 50 - 400 | rate that resetSpeed returns to; setting it also sets "speed" |
-/// | "pitch"             | 100     | 0 - 198  | base pitch                                     |
-/// | "volume"            | 100     | 0 - 200  | amplitude                                      |
-/// | "presel", "selBreak"| 0       | any      | accepted and kept, not applied                 |
+/// | "defaultVoiceSpeed" | 100     | 50 - 400 | rate that resetSpeed returns to; setting it also
+/// sets "speed" | | "pitch"             | 100     | 0 - 198  | base pitch | | "volume"            |
+/// 100     | 0 - 200  | amplitude                                      | | "presel", "selBreak"| 0
+/// | any      | accepted and kept, not applied                 |
 ///
 /// Not thread-safe: a backend guards it with its own lock.
 class BEXKO_API ParameterSet {

@@ -71,7 +71,7 @@ class ScriptedBackend {
   void queueSentenceEvents(std::vector<ScriptedEvent> events);
 
   /// With `block`, startSynthetizer waits after its events until release() or
-  /// stopSynthetizer(). Turning blocking off releases nothing already blocked.
+  /// stopSynthetizer(). Turning blocking off also lets the blocked sentences finish.
   void setBlocking(bool block);
   /// Lets one blocked sentence (or the next one to block) finish.
   void release();

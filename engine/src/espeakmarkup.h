@@ -1,0 +1,41 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace bexko {
+namespace engine {
+namespace detail {
+
+/// A sentence with engine tags turned into the SSML subset that eSpeak NG reads, with the way
+/// back from eSpeak's text positions to the sentence without its tags.
+///
+///   \mrk=N\    <mark name="N"/> (N a whole number; a mark right after a '.' or '!' moves
+///              before that punctuation, where eSpeak NG reports it reliably)
+///   \pau=MS\   <break time="MSms"/>
+///   \rspd=P\   speaking rate P % of the current one     |
+///   \vct=P\    pitch P %                                 | one <prosody> element
+///   \vol=P\    volume P %                                | carries the three
+///   \rst\      rate, pitch and volume back to 100 %
+///   \style=X\  and any other tag: dropped (not spoken)
+/// '<', '>' and '&' of the text are escaped; invalid UTF-8 bytes become U+FFFD.
+struct EspeakMarkup {
+  /// The SSML text (UTF-8).
+  std::string text;
+  /// For each code point of `text`, the index of the character of the tag-free sentence that
+  /// it stands for; markup stands for the character that follows it.
+  std::vector<int> tagFreeIndex;
+  /// The tag-free sentence's characters.
+  std::u32string tagFree;
+
+  /// The tag-free index of eSpeak's 1-based text position; -1 when out of range.
+  int toTagFreeIndex(int espeakPosition) const;
+  /// Whether a word can start at tag-free index `index` (not a space or punctuation).
+  bool startsWord(int index) const;
+};
+
+EspeakMarkup toEspeakMarkup(const std::string& sentence);
+
+}  // namespace detail
+}  // namespace engine
+}  // namespace bexko
