@@ -10,6 +10,7 @@
 
 #include <bexko/testing/testhost.h>
 #include <ko/object.h>
+#include <ko/path.h>
 #include <zr/zrproxy.h>
 
 namespace {
@@ -253,6 +254,23 @@ TEST_F(PackageManagerTest, ManifestRoundTripsEveryField) {
   package.setPath(folder.string());
   EXPECT_EQ(package, back);
   EXPECT_THROW(bexko::services::writeManifest(folder.string(), ko::PackageInfo()), ZR::ZRError);
+}
+
+}  // namespace
+
+namespace {
+
+TEST(ShippedPackageTest, BuildTreeShipsTheEspeakLanguages) {
+  bexko::testing::TestHost host(bexko::testing::TestHostOptions{true});
+  auto found =
+      host.broker()->getProxy("PackageManager")->call<std::vector<ko::PackageInfo>>("packages");
+  ASSERT_EQ(1u, found.size());
+  EXPECT_EQ("espeak-ng", found[0].identifier());
+  EXPECT_FALSE(found[0].languages().empty());
+  for (const auto& language : found[0].languages()) {
+    EXPECT_EQ("tts_espeak", language.engineName()) << language.locale();
+  }
+  EXPECT_EQ(ko::path::sdkPrefix() + "/share/bexko/packages/espeak-ng", found[0].path());
 }
 
 }  // namespace
