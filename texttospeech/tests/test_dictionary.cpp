@@ -33,10 +33,35 @@ TEST_F(DictionaryTest, FiveStringFormIsLoggedAsTheJapaneseDictionary) {
   EXPECT_TRUE(tts->deleteFromDictionary("noun", "robot"));
 }
 
-TEST_F(DictionaryTest, LoadShowAndUnloadReachTheManager) {
-  EXPECT_NO_THROW(tts->loadDictionary());
-  EXPECT_NO_THROW(tts->showDictionary());
-  EXPECT_NO_THROW(tts->unloadDictionary());
+// The manager reports its dictionary in one summary record, then one record per entry.
+std::vector<std::string> dictionaryRecords(const bexko::testing::TestHost& host) {
+  std::vector<std::string> texts;
+  for (const ko::log::Record& record : host.logRecords()) {
+    if (record.function == "showDictionary") texts.push_back(record.message);
+  }
+  return texts;
+}
+
+TEST_F(DictionaryTest, UnloadLoadAndShowReachTheManager) {
+  tts->addToDictionary("robot", "row bot");
+  host.clearLogs();
+  tts->showDictionary();
+  const std::vector<std::string> loaded = dictionaryRecords(host);
+  ASSERT_FALSE(loaded.empty());
+  EXPECT_NE(loaded.front().find("1 entries"), std::string::npos) << loaded.front();
+
+  tts->unloadDictionary();
+  host.clearLogs();
+  tts->showDictionary();
+  ASSERT_FALSE(dictionaryRecords(host).empty());
+  EXPECT_NE(dictionaryRecords(host).front().find("(none loaded)"), std::string::npos);
+
+  tts->loadDictionary();
+  host.clearLogs();
+  tts->showDictionary();
+  ASSERT_FALSE(dictionaryRecords(host).empty());
+  EXPECT_NE(dictionaryRecords(host).front().find("1 entries"), std::string::npos)
+      << dictionaryRecords(host).front();
 }
 
 class DiagnosisTest : public ScriptedServiceTest {
