@@ -28,6 +28,8 @@ function(bexko_add_gtest name)
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE ${ARG_LIBRARIES} bexko_test_main GTest::gtest GTest::gmock)
   bexko_configure_target(${name})
+  # Tests see the packages shipped in the build tree's share/bexko.
+  add_dependencies(${name} bexko_data)
   if(NOT ARG_TIMEOUT)
     set(ARG_TIMEOUT 120)
   endif()

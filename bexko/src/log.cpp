@@ -103,10 +103,24 @@ std::vector<Rule> parseRules(const std::string& pattern) {
   return rules;
 }
 
+// The most specific matching rule wins: the one whose glob has the most literal (non-wildcard)
+// characters, so that "audio.*=verbose,*=info" and "*=info,audio.*=verbose" mean the same; among
+// equally specific rules the later one wins.
 LogLevel levelUnderRules(const std::vector<Rule>& rules, const std::string& name) {
   LogLevel level = info;
+  std::size_t bestSpecificity = 0;
+  bool matched = false;
   for (const auto& rule : rules) {
-    if (globMatch(rule.glob.c_str(), name.c_str())) level = rule.level;
+    if (!globMatch(rule.glob.c_str(), name.c_str())) continue;
+    std::size_t specificity = 0;
+    for (char c : rule.glob) {
+      if (c != '*' && c != '?') ++specificity;
+    }
+    if (!matched || specificity >= bestSpecificity) {
+      level = rule.level;
+      bestSpecificity = specificity;
+      matched = true;
+    }
   }
   return level;
 }

@@ -117,7 +117,7 @@ class LogRules : public ::testing::TestWithParam<RuleCase> {
   void TearDown() override { klog::setLevels("info"); }
 };
 
-TEST_P(LogRules, LaterMatchingRuleWins) {
+TEST_P(LogRules, MostSpecificMatchingRuleWins) {
   klog::setLevels(GetParam().pattern);
   EXPECT_EQ(klog::levelFor(GetParam().category), GetParam().expected)
       << GetParam().pattern << " for " << GetParam().category;
@@ -127,11 +127,12 @@ INSTANTIATE_TEST_SUITE_P(
     Table, LogRules,
     ::testing::Values(
         RuleCase{"*=info,audio.*=verbose", "audio.zrtexttospeech.main", klog::verbose},
-        RuleCase{"audio.*=verbose,*=info", "audio.zrtexttospeech.main", klog::info},
+        RuleCase{"audio.*=verbose,*=info", "audio.zrtexttospeech.main", klog::verbose},
         RuleCase{"*=info,audio.*=verbose", "audioout", klog::info},
         RuleCase{"audio*=debug", "audioout", klog::debug},
         RuleCase{"audio.*=error,audio.zr*=debug", "audio.zrx", klog::debug},
-        RuleCase{"audio.zr*=debug,audio.*=error", "audio.zrx", klog::error},
+        RuleCase{"audio.zr*=debug,audio.*=error", "audio.zrx", klog::debug},
+        RuleCase{"audio.*=error,audio.*=debug", "audio.zrx", klog::debug},
         RuleCase{"ZRAudio?layer=warning", "ZRAudioPLayer", klog::info},
         RuleCase{"ZRAudio??ayer=warning", "ZRAudioPLayer", klog::warning},
         RuleCase{"ZRAudio?layer=warning", "ZRAudioPlayer", klog::warning},

@@ -100,7 +100,8 @@ BEXKO_API int addSink(std::shared_ptr<Sink> sink);
 BEXKO_API void removeSink(int id);
 
 /// Sets the level rules from a pattern "audio.*=verbose,*=info": comma-separated
-/// `glob=level` pairs, the later matching rule winning; a bare level applies to "*".
+/// `glob=level` pairs (globs with * and ?); a bare level applies to "*". The most specific
+/// matching rule wins (the glob with the most literal characters), the later one among equals.
 /// Levels by name (silent, fatal, error, warning, info, verbose, debug) or number 0-6.
 /// Existing and future categories follow. Throws std::invalid_argument for a bad pattern.
 BEXKO_API void setLevels(const std::string& pattern);
