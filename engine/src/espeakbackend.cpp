@@ -170,6 +170,7 @@ struct Run {
   Clock::duration pausedFor{};
   long long samples = 0;  // eSpeak samples delivered so far
   std::vector<short> stereo;
+  int lastWordIndex = -1;
   bool stopped = false;
   std::string callbackError;
 };
@@ -229,7 +230,8 @@ int synthCallback(short* wav, int count, espeak_EVENT* events) {
         // eSpeak reports empty words, and a word on the punctuation next to some markup.
         if (event->length <= 0) continue;
         value = run->markup->toTagFreeIndex(event->text_position);
-        if (!run->markup->startsWord(value)) continue;
+        if (!run->markup->startsWord(value) || value == run->lastWordIndex) continue;
+        run->lastWordIndex = value;
         type = ZR::TTS_EVENT_WORD;
       } else if (event->type == espeakEVENT_MARK) {
         if (!event->id.name) continue;

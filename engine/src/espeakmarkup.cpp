@@ -48,12 +48,8 @@ int EspeakMarkup::toTagFreeIndex(int espeakPosition) const {
 bool EspeakMarkup::startsWord(int index) const {
   if (index < 0 || index >= static_cast<int>(tagFree.size())) return false;
   const char32_t c = tagFree[index];
-  if (isSpace(c)) return false;
-  if (c < 0x80) {
-    const bool alnum = (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
-    return alnum || c == '\'' || c == '"' || c == '(' || c == '$' || c == '#' || c == '@';
-  }
-  return true;
+  // The punctuation that ends words and clauses (eSpeak NG sometimes reports it as a word).
+  return !isSpace(c) && c != '.' && c != ',' && c != ';' && c != ':' && c != '!' && c != '?';
 }
 
 EspeakMarkup toEspeakMarkup(const std::string& sentence) {

@@ -30,7 +30,8 @@ struct EspeakMarkup {
 
   /// The tag-free index of eSpeak's 1-based text position; -1 when out of range.
   int toTagFreeIndex(int espeakPosition) const;
-  /// Whether a word can start at tag-free index `index` (not a space or punctuation).
+  /// Whether a word can start at tag-free index `index`: not a space, nor the punctuation that
+  /// ends words and clauses.
   bool startsWord(int index) const;
 };
 
