@@ -166,7 +166,12 @@ bool ZRAudioPlayerDesktop::_playFileFromPosition(const std::string& fileName, fl
   }
 
   {
-    ZRCriticalSection lock(launchMutex);
+    // Entering is done under launchMutex; stopMutex is taken as well because stop and the end
+    // of other playbacks read and erase the same map under it, and a map must not be changed
+    // by two threads at once. The order (launch, then stop) is the only one in which both are
+    // held, so it cannot deadlock.
+    ZRCriticalSection launching(launchMutex);
+    ZRCriticalSection lock(stopMutex);
     taskToPid[taskId] = pid;
   }
 

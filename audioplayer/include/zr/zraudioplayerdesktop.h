@@ -82,7 +82,8 @@ class ZRAudioPlayerDesktop : public ZRModule {
 
  protected:
   /// Playbacks whose player is running: task identifier to process identifier. Entered under
-  /// launchMutex; looked up and erased under stopMutex.
+  /// launchMutex (and stopMutex, so that no reader sees the map change); looked up and erased
+  /// under stopMutex.
   std::map<int, int> taskToPid;
   boost::shared_ptr<ZRMutex> launchMutex;
   boost::shared_ptr<ZRMutex> stopMutex;
