@@ -56,7 +56,7 @@ class BadInput(DaemonTestCase):
                                             "params": [{"text": "hi"}]}), 7, -32602),
             ("huge integer", json.dumps({"jsonrpc": "2.0", "id": 8,
                                          "method": "ZRTextToSpeech.setVolume",
-                                         "params": [10 ** 20]}), 8, -32602),
+                                         "params": [2 ** 40]}), 8, -32602),
             ("params not array", json.dumps({"jsonrpc": "2.0", "id": 9,
                                              "method": "ZRTextToSpeech.say",
                                              "params": "hi"}), 9, -32602),
@@ -93,9 +93,11 @@ class BadInput(DaemonTestCase):
         ws = self.raw()
         ws.send(json.dumps({"jsonrpc": "2.0", "id": 1, "method": "ZRTextToSpeech.say",
                             "params": ["x" * (2 * 1024 * 1024)]}))
-        opcode, data = ws.recv_data(control_frame=True)
-        self.assertEqual(opcode, websocket.ABNF.OPCODE_CLOSE)
-        self.assertEqual(int.from_bytes(data[:2], "big"), 1009)
+        # The host fails the connection: it sends its close frame and drops the socket, so the
+        # frame is read raw, without the client library trying to answer it.
+        frame = ws.recv_frame()
+        self.assertEqual(frame.opcode, websocket.ABNF.OPCODE_CLOSE)
+        self.assertEqual(int.from_bytes(frame.data[:2], "big"), 1009)
         self.assert_still_serving()
 
     def test_a_binary_frame_is_refused(self):
