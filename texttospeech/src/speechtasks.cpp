@@ -206,9 +206,6 @@ void ZRTextToSpeech::xCheckFile(std::string fileName) {
 }
 
 void ZRTextToSpeech::xSpeakingLoop(boost::shared_ptr<ZRTextToSpeechTask> task) {
-  // Stop requests read the current task on their own threads.
-  boost::atomic_store(&currentTask, task);
-
   const std::string sentence = task->sentence();
   if (!isTagsOnlySentence(sentence)) {
     memoryProxy->raiseEvent(strTextStartedEvent, ZRValue(1));
@@ -232,6 +229,9 @@ void ZRTextToSpeech::xSpeakingLoop(boost::shared_ptr<ZRTextToSpeechTask> task) {
     if (task->isStopped()) {
       return;
     }
+    // The task and its id are published together: a stop aimed at the previous id must not
+    // reach this task through currentTask. The engine's end event reads it on its own thread.
+    boost::atomic_store(&currentTask, task);
     currentTaskId = task->getId();
   }
   try {

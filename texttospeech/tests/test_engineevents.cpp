@@ -59,7 +59,7 @@ INSTANTIATE_TEST_SUITE_P(
         AudibleCase{"MaxLevelPlusOneIsLoud", block(0, 1000, 0, 1001), 1000, 1000, true},
         AudibleCase{"MostNegativeSampleIsLoud", block(0, 1000, 0, -32768), 1000, 1000, true},
         AudibleCase{"ShortAllQuietBlockBecomesEmpty", block(0, 100), 100, 0, true},
-        AudibleCase{"ShortBlockWithQuietTailIsCutToItsLoudPart", block(20, 80), 100, 20, true},
+        AudibleCase{"ShortBlockKeepsAQuietTailAfterSound", block(20, 80), 100, 100, true},
         AudibleCase{"InnerSilenceIsKept", innerSilence(), 401, 401, true},
         AudibleCase{"ZeroCountStaysZero", {}, 0, 0, true},
         AudibleCase{"NegativeCountIsRefusedUnchanged", {}, -4, -4, false}),

@@ -121,13 +121,18 @@ TEST_F(BookmarkTimingTest, BookmarksReportedTogetherAreChainedOneTimerAtATime) {
                                                    eventText("CurrentBookMark", 2),
                                                    eventText("CurrentBookMark", 3)}));
 
-  std::vector<std::string> timeline;
-  for (const ko::log::Record& record : host.logRecords(kServiceCategory)) {
-    if (record.function == "scheduleMarker" || record.function == "markerCB") {
-      timeline.push_back(record.message);
+  // The callback logs right after it raises: wait for its last line.
+  const auto timeline = [this] {
+    std::vector<std::string> lines;
+    for (const ko::log::Record& record : host.logRecords(kServiceCategory)) {
+      if (record.function == "scheduleMarker" || record.function == "markerCB") {
+        lines.push_back(record.message);
+      }
     }
-  }
-  EXPECT_EQ(timeline,
+    return lines;
+  };
+  EXPECT_TRUE(eventually([&] { return timeline().size() >= 6; }));
+  EXPECT_EQ(timeline(),
             (std::vector<std::string>{scheduleText(1, 180, bytesForMs(300)), sendingText(1, 300),
                                       scheduleText(2, 480, bytesForMs(600)), sendingText(2, 600),
                                       scheduleText(3, 780, bytesForMs(900)), sendingText(3, 900)}));
