@@ -44,8 +44,9 @@ struct VoiceDescription {
 ///
 /// Threads: startSynthetizer runs on the caller's thread and reports through `callback` on
 /// that thread; stopSynthetizer, pauseSynthetizer, restartSynthetizer and isPaused may come
-/// from any other thread meanwhile. Every other operation is called between sentences, never
-/// concurrently with another one. Errors are ZR::ZRError (module "TextToSpeech").
+/// from any other thread meanwhile. The manager never makes two of the other calls at once,
+/// but they may come while a sentence is synthesised: language, voice and parameter changes
+/// then take effect from the next sentence. Errors are ZR::ZRError (module "TextToSpeech").
 class BEXKO_API Backend {
  public:
   virtual ~Backend() = default;
