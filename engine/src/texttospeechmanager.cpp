@@ -13,6 +13,7 @@
 #include <zr/zrerror.h>
 
 #include "dictionary.h"
+#include "registry.h"
 #include "utf8.h"
 
 namespace ZR {
@@ -41,6 +42,15 @@ struct VoiceEntry {
   std::string language;
   std::string installDir;
   std::string engine;
+};
+
+// What the manager serves: the backends by engine name (with the registration each was made
+// from), the languages in table order and the voices by name.
+struct Tables {
+  std::map<std::string, std::shared_ptr<Backend>> backends;
+  std::map<std::string, std::uint64_t> registrations;
+  std::vector<ServedLanguage> languages;
+  std::map<std::string, VoiceEntry> voices;
 };
 
 // Passes a backend's events on, with word indexes taken back from the text the backend spoke
@@ -84,9 +94,10 @@ struct TextToSpeechManager::Impl {
   // Guards every field below; held only for short reads and writes, never across a backend
   // call.
   mutable std::mutex stateMutex;
-  std::map<std::string, std::shared_ptr<Backend>> backends;  // by engine name
-  std::vector<ServedLanguage> languages;                     // in table order
-  std::map<std::string, VoiceEntry> voices;                  // by voice name
+  std::map<std::string, std::shared_ptr<Backend>> backends;
+  std::map<std::string, std::uint64_t> registrations;
+  std::vector<ServedLanguage> languages;
+  std::map<std::string, VoiceEntry> voices;
   std::string currentLanguage;
   std::string currentVoice;
   std::shared_ptr<Backend> activeBackend;  // the one synthesising, if any
@@ -168,16 +179,20 @@ struct TextToSpeechManager::Impl {
 
   // Under configMutex. Creates or reuses one backend per engine name and loads into it the
   // languages that the packages ask it for. Returns the new tables without installing them.
-  void loadPackages(const std::vector<ko::PackageInfo>& packages,
-                    std::map<std::string, std::shared_ptr<Backend>>& newBackends,
-                    std::vector<ServedLanguage>& newLanguages,
-                    std::map<std::string, VoiceEntry>& newVoices) {
+  Tables loadPackages(const std::vector<ko::PackageInfo>& packages) {
+    Tables next;
+    auto& newBackends = next.backends;
+    auto& newRegistrations = next.registrations;
+    auto& newLanguages = next.languages;
+    auto& newVoices = next.voices;
     std::map<std::string, std::vector<LanguageRequest>> requests;  // by engine
     std::set<std::string> requested;                               // language names
     std::map<std::string, std::shared_ptr<Backend>> existing;
+    std::map<std::string, std::uint64_t> existingRegistrations;
     {
       std::lock_guard<std::mutex> lock(stateMutex);
       existing = backends;
+      existingRegistrations = registrations;
     }
     for (const ko::PackageInfo& package : packages) {
       for (const ko::LanguageInfo& language : package.languages()) {
@@ -203,8 +218,12 @@ struct TextToSpeechManager::Impl {
         }
         if (!newBackends.count(engine)) {
           std::shared_ptr<Backend> backend;
+          // A backend is reused while its engine keeps the registration it was made from, so
+          // that a reload keeps its parameters.
+          const std::uint64_t registration = bexko::engine::detail::registrationOf(engine);
           auto reuse = existing.find(engine);
-          if (reuse != existing.end() && bexko::engine::isBackendRegistered(engine)) {
+          if (reuse != existing.end() && registration != 0 &&
+              existingRegistrations[engine] == registration) {
             backend = reuse->second;
           } else {
             try {
@@ -221,6 +240,7 @@ struct TextToSpeechManager::Impl {
             continue;
           }
           newBackends[engine] = std::move(backend);
+          newRegistrations[engine] = registration;
         }
         requested.insert(name);
         requests[engine].push_back(LanguageRequest{name, language.locale(), package.path()});
@@ -236,6 +256,7 @@ struct TextToSpeechManager::Impl {
       } catch (const std::exception& e) {
         KO_LOG(logCategory(), ko::log::warning, "initialize")
             << "Engine " << engine << " could not load its languages: " << e.what();
+        newRegistrations.erase(engine);
         it = newBackends.erase(it);
         continue;
       }
@@ -274,30 +295,27 @@ struct TextToSpeechManager::Impl {
       }
       newLanguages.push_back(ServedLanguage{name, newVoices.at(chosen->name).engine, chosen->name});
     }
+    return next;
   }
 
   // Under configMutex: installs new tables and keeps the current language when it is still
   // served, else selects the first one.
-  void install(std::map<std::string, std::shared_ptr<Backend>> newBackends,
-               std::vector<ServedLanguage> newLanguages,
-               std::map<std::string, VoiceEntry> newVoices, const char* method) {
+  void install(Tables next, const char* method) {
     std::string select;
     {
       std::lock_guard<std::mutex> lock(stateMutex);
-      backends = std::move(newBackends);
-      languages = std::move(newLanguages);
-      voices = std::move(newVoices);
+      backends = std::move(next.backends);
+      registrations = std::move(next.registrations);
+      languages = std::move(next.languages);
+      voices = std::move(next.voices);
       const ServedLanguage* kept = findLanguage(currentLanguage);
       const bool voiceKept =
-          voices.count(currentVoice) && kept && voices.at(currentVoice).language == kept->name;
-      if (kept && voiceKept) {
-        select.clear();
-      } else if (kept) {
-        select = kept->name;
-      } else if (!languages.empty()) {
+          kept && voices.count(currentVoice) && voices.at(currentVoice).language == kept->name;
+      if (kept && !voiceKept) {
+        select = kept->name;  // its voice is gone: its default voice
+      } else if (!kept && !languages.empty()) {
         select = languages.front().name;
-      }
-      if (!kept && languages.empty()) {
+      } else if (!kept) {
         currentLanguage.clear();
         currentVoice.clear();
       }
@@ -441,19 +459,16 @@ TextToSpeechManager::~TextToSpeechManager() {
 
 bool TextToSpeechManager::initialize(const std::vector<ko::PackageInfo>& packages) {
   std::lock_guard<std::mutex> config(impl_->configMutex);
-  std::map<std::string, std::shared_ptr<bexko::engine::Backend>> backends;
-  std::vector<ServedLanguage> languages;
-  std::map<std::string, VoiceEntry> voices;
-  impl_->loadPackages(packages, backends, languages, voices);
-  const bool served = !languages.empty();
-  KO_LOG(logCategory(), ko::log::info, "initialize")
-      << (served ? "Languages served: " : "No language can be served") << [&] {
-           std::vector<std::string> names;
-           for (const ServedLanguage& l : languages) names.push_back(l.name);
-           return join(names);
-         }();
-  impl_->install(std::move(backends), std::move(languages), std::move(voices), "initialize");
-  return served;
+  Tables next = impl_->loadPackages(packages);
+  std::vector<std::string> names;
+  for (const ServedLanguage& language : next.languages) names.push_back(language.name);
+  if (names.empty()) {
+    KO_LOG(logCategory(), ko::log::warning, "initialize") << "No language can be served";
+  } else {
+    KO_LOG(logCategory(), ko::log::info, "initialize") << "Languages served: " << join(names);
+  }
+  impl_->install(std::move(next), "initialize");
+  return !names.empty();
 }
 
 void TextToSpeechManager::reload(const std::vector<ko::PackageInfo>& packages, bool& changed,
@@ -464,11 +479,9 @@ void TextToSpeechManager::reload(const std::vector<ko::PackageInfo>& packages, b
     std::lock_guard<std::mutex> lock(impl_->stateMutex);
     before = impl_->languageNames();
   }
-  std::map<std::string, std::shared_ptr<bexko::engine::Backend>> backends;
-  std::vector<ServedLanguage> languages;
-  std::map<std::string, VoiceEntry> voices;
+  Tables next;
   try {
-    impl_->loadPackages(packages, backends, languages, voices);
+    next = impl_->loadPackages(packages);
   } catch (const std::exception& e) {
     changed = false;
     message = std::string("reload failed: ") + e.what();
@@ -476,7 +489,7 @@ void TextToSpeechManager::reload(const std::vector<ko::PackageInfo>& packages, b
     return;
   }
   std::vector<std::string> after;
-  for (const ServedLanguage& language : languages) after.push_back(language.name);
+  for (const ServedLanguage& language : next.languages) after.push_back(language.name);
   std::vector<std::string> added;
   std::vector<std::string> removed;
   for (const std::string& name : after) {
@@ -485,7 +498,7 @@ void TextToSpeechManager::reload(const std::vector<ko::PackageInfo>& packages, b
   for (const std::string& name : before) {
     if (std::find(after.begin(), after.end(), name) == after.end()) removed.push_back(name);
   }
-  impl_->install(std::move(backends), std::move(languages), std::move(voices), "reload");
+  impl_->install(std::move(next), "reload");
   changed = !added.empty() || !removed.empty();
   if (!changed) {
     message = "unchanged";

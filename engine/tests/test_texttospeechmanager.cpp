@@ -266,6 +266,27 @@ TEST_F(ManagerWithScriptedBackend, ReloadReportsWhatChangedAndKeepsTheCurrentLan
   EXPECT_EQ(manager_.getCurrentLanguage(), "");
 }
 
+TEST_F(ManagerWithScriptedBackend, AReloadTakesANewRegistrationOfTheEngine) {
+  ASSERT_TRUE(manager_.initialize(englishAndFrench()));
+  bool changed = false;
+  std::string message;
+  {
+    ScriptedBackend replacement(kEngine);
+    replacement.addVoice("Max", "English");
+    manager_.reload(englishAndFrench(), changed, message);
+    EXPECT_EQ(message, "removed: French");
+    EXPECT_EQ(manager_.getAvailableVoices(),
+              (std::map<std::string, std::string>{{"Max", "English"}}));
+    EXPECT_EQ(manager_.getCurrentVoice(), "Max");
+    manager_.startSynthetizer("Hello");
+    EXPECT_EQ(replacement.sentences(), std::vector<std::string>{"Hello"});
+    EXPECT_TRUE(backend_.sentences().empty());
+  }
+  // The replacement unregistered its name on leaving: nothing serves the languages any more.
+  manager_.reload(englishAndFrench(), changed, message);
+  EXPECT_TRUE(manager_.getAvailableLanguages().empty());
+}
+
 TEST_F(ManagerWithScriptedBackend, BackendsKeepWorkingAfterTheirEngineIsUnregistered) {
   ASSERT_TRUE(manager_.initialize(englishAndFrench()));
   {
