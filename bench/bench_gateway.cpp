@@ -1,0 +1,440 @@
+// Gateway figures, printed as a small report:
+//  1. round trip of ZRTextToSpeech.getVolume through the gateway (p50, p99), against a Beast
+//     WebSocket echo server on the same machine as the floor, as a ratio measured in one run;
+//  2. 32 concurrent clients calling for ten seconds (plain calls and posted calls, each client
+//     also subscribed to a memory key): errors, lost answers and lost notifications;
+//  3. start-up time and resident memory (VmRSS) of the idle bexko daemon with the speech service.
+//
+// Usage: bench_gateway [--seconds N] [--clients N] [--round-trips N]
+// Runs against a temporary HOME and XDG tree; the speech service runs in the engine's fast mode.
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <boost/asio/connect.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/strand.hpp>
+#include <boost/beast/core.hpp>
+#include <boost/beast/websocket.hpp>
+#include <boost/filesystem.hpp>
+#include <nlohmann/json.hpp>
+
+#include <bexko/gateway/gateway.h>
+#include <bexko/services/builtinservices.h>
+#include <ko/path.h>
+#include <zr/zrbroker.h>
+#include <zr/zrbrokermanager.h>
+
+namespace {
+
+namespace beast = boost::beast;
+namespace net = boost::asio;
+namespace websocket = beast::websocket;
+using tcp = net::ip::tcp;
+using nlohmann::json;
+using Clock = std::chrono::steady_clock;
+
+// An echo WebSocket server: the floor that the gateway's round trip is compared with -----------
+
+class EchoSession : public std::enable_shared_from_this<EchoSession> {
+ public:
+  explicit EchoSession(tcp::socket&& socket) : ws_(std::move(socket)) {}
+  void run() {
+    ws_.async_accept([self = shared_from_this()](beast::error_code ec) {
+      if (!ec) self->read();
+    });
+  }
+
+ private:
+  void read() {
+    ws_.async_read(buffer_, [self = shared_from_this()](beast::error_code ec, std::size_t) {
+      if (ec) return;
+      self->ws_.text(self->ws_.got_text());
+      self->ws_.async_write(self->buffer_.data(), [self](beast::error_code ec, std::size_t) {
+        if (ec) return;
+        self->buffer_.consume(self->buffer_.size());
+        self->read();
+      });
+    });
+  }
+  websocket::stream<beast::tcp_stream> ws_;
+  beast::flat_buffer buffer_;
+};
+
+class EchoServer {
+ public:
+  EchoServer() : acceptor_(ioc_, tcp::endpoint(net::ip::make_address("127.0.0.1"), 0)) {
+    accept();
+    thread_ = std::thread([this] { ioc_.run(); });
+  }
+  ~EchoServer() {
+    ioc_.stop();
+    thread_.join();
+  }
+  unsigned short port() const { return acceptor_.local_endpoint().port(); }
+
+ private:
+  void accept() {
+    acceptor_.async_accept(net::make_strand(ioc_), [this](beast::error_code ec, tcp::socket s) {
+      if (!ec) std::make_shared<EchoSession>(std::move(s))->run();
+      accept();
+    });
+  }
+  net::io_context ioc_;
+  tcp::acceptor acceptor_;
+  std::thread thread_;
+};
+
+// A blocking client
+// --------------------------------------------------------------------------------
+
+class Client {
+ public:
+  explicit Client(unsigned short port) : ws_(ioc_) {
+    tcp::resolver resolver(ioc_);
+    net::connect(ws_.next_layer(), resolver.resolve("127.0.0.1", std::to_string(port)));
+    ws_.next_layer().set_option(tcp::no_delay(true));
+    ws_.handshake("127.0.0.1", "/");
+    ws_.text(true);
+  }
+  void send(const std::string& text) { ws_.write(net::buffer(text)); }
+  std::string receive() {
+    buffer_.consume(buffer_.size());
+    ws_.read(buffer_);
+    return beast::buffers_to_string(buffer_.data());
+  }
+  void close() {
+    beast::error_code ec;
+    ws_.close(websocket::close_code::normal, ec);
+  }
+
+ private:
+  net::io_context ioc_;
+  websocket::stream<tcp::socket> ws_;
+  beast::flat_buffer buffer_;
+};
+
+double percentile(std::vector<double> values, double p) {
+  std::sort(values.begin(), values.end());
+  const std::size_t index =
+      std::min(values.size() - 1, static_cast<std::size_t>(p * (values.size() - 1) + 0.5));
+  return values[index];
+}
+
+/// Round-trip times in microseconds of `count` exchanges after `warmup` unmeasured ones.
+std::vector<double> roundTrips(Client& client, const std::string& request, int count, int warmup) {
+  std::vector<double> times;
+  times.reserve(count);
+  for (int i = 0; i < warmup + count; ++i) {
+    const auto start = Clock::now();
+    client.send(request);
+    client.receive();
+    const auto end = Clock::now();
+    if (i >= warmup)
+      times.push_back(std::chrono::duration<double, std::micro>(end - start).count());
+  }
+  return times;
+}
+
+// Many clients at once ----------------------------------------------------------------------------
+
+struct LoadResult {
+  long calls = 0;
+  long posts = 0;
+  long errors = 0;
+  long lostAnswers = 0;
+  long lostDone = 0;
+  long events = 0;
+  long eventGaps = 0;
+  long lostEvents = 0;
+};
+
+/// One client of the load: alternates a plain call and a posted call of getVolume, checks
+/// every answer, and counts the memory events of "Bench/Tick", whose values must arrive
+/// consecutively from 1 to the final tick.
+LoadResult loadClient(unsigned short port, Clock::time_point until,
+                      const std::atomic<int>& finalTick, const std::atomic<bool>& raiserDone) {
+  LoadResult result;
+  Client client(port);
+  int nextId = 1;
+  long pendingDone = 0;
+  int lastTick = 0;
+  auto handle = [&](const json& frame) {
+    const std::string method = frame.value("method", "");
+    if (method == "bexko.done") {
+      --pendingDone;
+      if (!frame["params"].contains("result")) ++result.errors;
+    } else if (method == "bexko.event") {
+      const int tick = frame["params"]["value"];
+      ++result.events;
+      if (tick != lastTick + 1) ++result.eventGaps;
+      lastTick = tick;
+    }
+  };
+  auto request = [&](const std::string& method, const json& params) {
+    const int id = nextId++;
+    client.send(
+        json{{"jsonrpc", "2.0"}, {"id", id}, {"method", method}, {"params", params}}.dump());
+    for (;;) {
+      const json frame = json::parse(client.receive());
+      if (frame.contains("id") && frame["id"] == id) return frame;
+      handle(frame);
+    }
+  };
+  request("bexko.subscribe", {{"key", "Bench/Tick"}});
+  bool post = false;
+  while (Clock::now() < until) {
+    if (post) {
+      const json answer =
+          request("bexko.post",
+                  {{"module", "ZRTextToSpeech"}, {"method", "getVolume"}, {"args", json::array()}});
+      if (answer.contains("result")) {
+        ++pendingDone;
+        ++result.posts;
+      } else {
+        ++result.errors;
+      }
+    } else {
+      const json answer = request("ZRTextToSpeech.getVolume", json::array());
+      if (!answer.contains("result") || !answer["result"].is_number()) ++result.errors;
+      ++result.calls;
+    }
+    post = !post;
+  }
+  // Drain. A request answered after the raiser is done comes after every event it raised (one
+  // ordered stream per connection); posted calls may still be finishing.
+  while (!raiserDone) {
+    request("bexko.modules", nullptr);
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  const int last = finalTick.load();
+  const auto deadline = Clock::now() + std::chrono::seconds(20);
+  do {
+    request("bexko.modules", nullptr);
+    if (pendingDone == 0 && lastTick == last) break;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  } while (Clock::now() < deadline);
+  result.lostDone = pendingDone;
+  result.lostEvents = last - result.events;
+  client.close();
+  return result;
+}
+
+// The daemon as a process
+// ---------------------------------------------------------------------------
+
+long vmRssKiB(pid_t pid) {
+  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+  std::string line;
+  while (std::getline(status, line)) {
+    if (line.compare(0, 6, "VmRSS:") == 0) return std::atol(line.c_str() + 6);
+  }
+  return -1;
+}
+
+/// Starts build/bin/bexko, waits for its ready line; fills the start-up time and pid.
+bool startDaemon(pid_t& pid, double& startupMs, std::string& url) {
+  const std::string bexko = ko::path::sdkPrefix() + "/bin/bexko";
+  int out[2];
+  if (pipe(out) != 0) return false;
+  const auto start = Clock::now();
+  pid = fork();
+  if (pid == 0) {
+    dup2(out[1], 1);
+    close(out[0]);
+    close(out[1]);
+    const int devnull = open("/dev/null", O_WRONLY);
+    if (devnull >= 0) dup2(devnull, 2);
+    execl(bexko.c_str(), bexko.c_str(), "--listen", "127.0.0.1:0", "--log-level", "warning",
+          static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  close(out[1]);
+  std::string line;
+  char c;
+  while (read(out[0], &c, 1) == 1 && c != '\n') line.push_back(c);
+  startupMs = std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+  close(out[0]);
+  if (line.rfind("listening on ", 0) != 0) return false;
+  url = line.substr(13);
+  return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  int seconds = 10;
+  int clients = 32;
+  int count = 5000;
+  for (int i = 1; i + 1 < argc; i += 2) {
+    const std::string option = argv[i];
+    if (option == "--seconds") seconds = std::atoi(argv[i + 1]);
+    if (option == "--clients") clients = std::atoi(argv[i + 1]);
+    if (option == "--round-trips") count = std::atoi(argv[i + 1]);
+  }
+  signal(SIGPIPE, SIG_IGN);
+
+  // A private HOME and XDG tree: the benchmark never touches the user's files.
+  namespace fs = boost::filesystem;
+  const fs::path root = fs::temp_directory_path() / fs::unique_path("bexko-bench-%%%%-%%%%");
+  for (const char* sub : {"home", "config", "data", "config-system", "data-system"}) {
+    fs::create_directories(root / sub);
+  }
+  setenv("HOME", (root / "home").c_str(), 1);
+  setenv("XDG_CONFIG_HOME", (root / "config").c_str(), 1);
+  setenv("XDG_DATA_HOME", (root / "data").c_str(), 1);
+  setenv("XDG_CONFIG_DIRS", (root / "config-system").c_str(), 1);
+  setenv("XDG_DATA_DIRS", (root / "data-system").c_str(), 1);
+  setenv("BEXKO_ENGINE_FAST", "1", 1);
+
+  // The host in this process: broker, built-in services, the speech module library, gateway.
+  boost::shared_ptr<ZR::ZRBrokerManager> manager(new ZR::ZRBrokerManager());
+  ZR::ZRBrokerManager::setInstance(manager);
+  auto broker = ZR::ZRBroker::create("bench", manager);
+  manager->addBroker(broker);
+  auto services = bexko::services::createBuiltinServices(broker);
+  const std::string library = ko::path::sdkPrefix() + "/lib/libbexko-tts.so";
+  void* handle = dlopen(library.c_str(), RTLD_NOW | RTLD_LOCAL);
+  auto create = handle ? reinterpret_cast<int (*)(boost::shared_ptr<ZR::ZRBroker>)>(
+                             dlsym(handle, "_createModule"))
+                       : nullptr;
+  if (!create) {
+    std::cerr << "cannot load " << library << "\n";
+    return 1;
+  }
+  create(broker);
+  if (!broker->getModuleByName("ZRTextToSpeech")) {
+    std::cerr << "the speech service did not start\n";
+    return 1;
+  }
+  bexko::gateway::GatewayOptions options;
+  options.port = 0;
+  bexko::gateway::Gateway gateway(broker, options);
+  gateway.start();
+  EchoServer echo;
+
+  std::printf("bexko gateway figures (%u hardware threads)\n\n",
+              std::thread::hardware_concurrency());
+
+  // 1. Round trip against the floor, interleaved in blocks so that both see the same machine.
+  {
+    Client viaGateway(gateway.port());
+    Client viaEcho(echo.port());
+    const std::string request =
+        R"({"jsonrpc":"2.0","id":1,"method":"ZRTextToSpeech.getVolume","params":[]})";
+    std::vector<double> gatewayTimes, echoTimes;
+    const int blocks = 10;
+    for (int b = 0; b < blocks; ++b) {
+      auto g = roundTrips(viaGateway, request, count / blocks, b == 0 ? 200 : 0);
+      auto e = roundTrips(viaEcho, request, count / blocks, b == 0 ? 200 : 0);
+      gatewayTimes.insert(gatewayTimes.end(), g.begin(), g.end());
+      echoTimes.insert(echoTimes.end(), e.begin(), e.end());
+    }
+    const double g50 = percentile(gatewayTimes, 0.5), g99 = percentile(gatewayTimes, 0.99);
+    const double e50 = percentile(echoTimes, 0.5), e99 = percentile(echoTimes, 0.99);
+    std::printf("1. round trip, %zu calls each\n", gatewayTimes.size());
+    std::printf("   ZRTextToSpeech.getVolume via gateway  p50 %8.1f us   p99 %8.1f us\n", g50, g99);
+    std::printf("   Beast WebSocket echo (floor)          p50 %8.1f us   p99 %8.1f us\n", e50, e99);
+    std::printf("   ratio gateway/echo                    p50 %8.2f      p99 %8.2f\n\n", g50 / e50,
+                g99 / e99);
+    viaGateway.close();
+    viaEcho.close();
+  }
+
+  // 2. Many clients at once, with a memory key raised all along.
+  {
+    const auto until = Clock::now() + std::chrono::seconds(seconds);
+    std::atomic<bool> raiserDone{false};
+    std::atomic<int> finalTick{0};
+    std::thread raiser([&] {
+      int tick = 0;
+      // Give every client time to subscribe before the first tick, which each must see.
+      std::this_thread::sleep_for(std::chrono::milliseconds(500));
+      while (Clock::now() < until) {
+        services.memory->raiseEvent("Bench/Tick", ZR::ZRValue(++tick));
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+      }
+      finalTick = tick;
+      raiserDone = true;
+    });
+    std::vector<std::thread> threads;
+    std::vector<LoadResult> results(clients);
+    for (int i = 0; i < clients; ++i) {
+      threads.emplace_back([&, i] {
+        try {
+          results[i] = loadClient(gateway.port(), until, finalTick, raiserDone);
+        } catch (const std::exception& e) {
+          std::fprintf(stderr, "client %d failed: %s\n", i, e.what());
+          results[i].errors += 1;
+        }
+      });
+    }
+    for (auto& t : threads) t.join();
+    raiser.join();
+    LoadResult total;
+    for (const auto& r : results) {
+      total.calls += r.calls;
+      total.posts += r.posts;
+      total.errors += r.errors;
+      total.lostDone += r.lostDone;
+      total.events += r.events;
+      total.eventGaps += r.eventGaps;
+      total.lostEvents += r.lostEvents;
+    }
+    std::printf("2. %d clients for %d s (each also subscribed to a key raised every 2 ms)\n",
+                clients, seconds);
+    std::printf("   calls %ld, posted calls %ld, total %.0f requests/s\n", total.calls, total.posts,
+                (total.calls + total.posts) / static_cast<double>(seconds));
+    std::printf("   errors %ld, posted calls without their bexko.done %ld\n", total.errors,
+                total.lostDone);
+    std::printf("   memory events received %ld of %ld, out of sequence %ld\n\n", total.events,
+                static_cast<long>(finalTick) * clients, total.eventGaps);
+  }
+
+  gateway.stop();
+  broker->shutdown();
+
+  // 3. The daemon as a user starts it.
+  {
+    pid_t pid = 0;
+    double startupMs = 0;
+    std::string url;
+    if (startDaemon(pid, startupMs, url)) {
+      std::this_thread::sleep_for(std::chrono::seconds(1));
+      const long rss = vmRssKiB(pid);
+      std::printf("3. bexko daemon with the speech service\n");
+      std::printf("   start-up to \"listening on\"  %.0f ms\n", startupMs);
+      std::printf("   VmRSS when idle             %.1f MiB\n", rss / 1024.0);
+      kill(pid, SIGTERM);
+      int status = 0;
+      waitpid(pid, &status, 0);
+      std::printf("   exit status after SIGTERM   %d\n",
+                  WIFEXITED(status) ? WEXITSTATUS(status) : -1);
+    } else {
+      std::printf("3. the daemon did not start\n");
+      if (pid > 0) {
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+      }
+    }
+  }
+  boost::system::error_code ignored;
+  fs::remove_all(root, ignored);
+  return 0;
+}
