@@ -25,9 +25,9 @@ WebSocketSession::WebSocketSession(net::ip::tcp::socket&& socket,
                                    std::shared_ptr<SharedState> state)
     : ws_(std::move(socket)), state_(std::move(state)) {}
 
-WebSocketSession::~WebSocketSession() {
-  if (rpc_) rpc_->close();
-}
+// The RpcSession was closed by end() or detach(); closing it here could run inside one of its
+// own callbacks (the last reference may be released there) and wait on itself.
+WebSocketSession::~WebSocketSession() = default;
 
 void WebSocketSession::run(http::request<http::string_body> request) {
   ws_.set_option(websocket::stream_base::timeout::suggested(beast::role_type::server));
