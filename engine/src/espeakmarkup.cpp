@@ -115,8 +115,9 @@ EspeakMarkup toEspeakMarkup(const std::string& sentence) {
       continue;
     }
     char32_t cp = 0;
-    if (!decodeUtf8(sentence.data(), sentence.size(), pos, cp)) cp = 0xFFFD;
-    if (cp == 0) cp = ' ';
+    // eSpeak NG loses its word positions on U+FFFD: an invalid byte or a NUL is a space, one
+    // character as countUtf8Chars counts it.
+    if (!decodeUtf8(sentence.data(), sentence.size(), pos, cp) || cp == 0) cp = ' ';
     result.tagFree.push_back(cp);
     std::string utf8;
     switch (cp) {

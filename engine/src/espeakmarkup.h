@@ -18,7 +18,7 @@ namespace detail {
 ///   \vol=P\    volume P %                                | carries the three
 ///   \rst\      rate, pitch and volume back to 100 %
 ///   \style=X\  and any other tag: dropped (not spoken)
-/// '<', '>' and '&' of the text are escaped; invalid UTF-8 bytes become U+FFFD.
+/// '<', '>' and '&' of the text are escaped; each invalid UTF-8 byte becomes a space.
 struct EspeakMarkup {
   /// The SSML text (UTF-8).
   std::string text;

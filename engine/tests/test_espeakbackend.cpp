@@ -180,6 +180,24 @@ TEST_F(EspeakFast, CharactersOfTheMarkupLanguageDoNotShiftWordIndexes) {
   }
 }
 
+TEST_F(EspeakFast, ATagsOnlySentenceEndsWithoutWords) {
+  backend_.startSynthetizer("\\style=reset\\ \\rst\\", callback_);
+  EXPECT_TRUE(callback_.events(ZR::TTS_EVENT_WORD).empty());
+  EXPECT_EQ(callback_.events(ZR::TTS_EVENT_END).size(), 1u);
+}
+
+TEST_F(EspeakFast, InvalidUtf8IsSpokenWithoutCrashingAndIndexesStayInTheText) {
+  const std::string text = "caf\xC3 \xFF\xFE ok \xE2\x82 fine";
+  backend_.startSynthetizer(text, callback_);
+  const int length = ZR::countUtf8Chars(text.c_str());
+  const std::vector<int> indexes = wordIndexes(callback_);
+  ASSERT_FALSE(indexes.empty());
+  EXPECT_EQ(indexes.front(), 0);
+  EXPECT_EQ(indexes.back(), length - 4);  // "fine"
+  for (int index : indexes) EXPECT_LT(index, length);
+  EXPECT_EQ(callback_.events(ZR::TTS_EVENT_END).size(), 1u);
+}
+
 TEST_F(EspeakFast, ABookmarkIsReportedAtItsPlaceInTheAudio) {
   backend_.startSynthetizer("One two three \\mrk=5\\four five six.", callback_);
   const auto markers = callback_.events(ZR::TTS_EVENT_MARKER);
