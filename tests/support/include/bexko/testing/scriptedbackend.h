@@ -46,8 +46,8 @@ struct ScriptedCall {
 /// stopped meanwhile and waiting while paused, then, when blocking, waits until release() or
 /// stopSynthetizer(), and always ends with TTS_EVENT_END (value 0, position 0).
 ///
-/// Thread-safe; the object must outlive the managers that use it only when they still call
-/// their backend (the instances keep the shared state alive).
+/// Thread-safe. The instances that managers hold share this object's state and keep it alive,
+/// so a manager may outlive this object; only its engine name is unregistered.
 class ScriptedBackend {
  public:
   explicit ScriptedBackend(std::string engineName = "tts_scripted");
