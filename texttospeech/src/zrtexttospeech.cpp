@@ -189,6 +189,8 @@ void ZRTextToSpeech::exit() {
 void ZRTextToSpeech::reset() {
   boost::lock_guard<boost::mutex> lock(ttsMutex);
   if (getLanguage() == "Japanese") {
+    // A stop on another thread reads both settings while it cleans up.
+    boost::unique_lock<boost::shared_mutex> queueLock(taskQueueLock);
     xSetParameter("inputMode", 3.0f);
     globalVoiceSetting.parameters["inputMode"] = 3.0f;
   }
