@@ -89,7 +89,10 @@ void ZRTextToSpeech::setDefaultLanguage(const std::string& language) {
           << language << " language is not installed.";
       return;
     }
-    globalVoiceSetting = xGetVoiceSettingFromLanguage(language);
+    VoiceSetting setting = xGetVoiceSettingFromLanguage(language);
+    // A stop's clean-up re-applies the requested setting under taskQueueLock.
+    boost::unique_lock<boost::shared_mutex> settingsLock(taskQueueLock);
+    globalVoiceSetting = setting;
     xSetVoiceSetting(globalVoiceSetting);
   } catch (const ZRError& error) {
     KO_LOG(logCategory, ko::log::warning, "setDefaultLanguage")

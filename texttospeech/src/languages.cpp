@@ -74,9 +74,15 @@ void ZRTextToSpeech::setLanguage(const std::string& language) {
 
   // The caller's letter case goes on to the engine and the voice-setting lookup.
   try {
-    globalVoiceSetting = xGetVoiceSettingFromLanguage(language);
-    ttsManager->setCurrentLanguage(language);
-    xSetVoiceSetting(globalVoiceSetting);
+    VoiceSetting setting = xGetVoiceSettingFromLanguage(language);
+    {
+      // A stop's clean-up re-applies the requested setting under taskQueueLock: the settings
+      // change under that lock too.
+      boost::unique_lock<boost::shared_mutex> settingsLock(taskQueueLock);
+      globalVoiceSetting = setting;
+      ttsManager->setCurrentLanguage(language);
+      xSetVoiceSetting(globalVoiceSetting);
+    }
     languageTTS(languageInfo->getLocale(language));
   } catch (const ZRError& error) {
     throw unsupported(error);

@@ -42,7 +42,10 @@ void ZRTextToSpeech::bexStoreApplicationInstalled(const std::string& key, const 
   const ko::PackageInfo package(value);
   if (package.languages().empty()) return;
   ttsManager->reload(xGetInstalledPackages(), reloadFlag, reloadText);
-  globalVoiceSetting = xGetVoiceSettingFromLanguage(ttsManager->getCurrentLanguage());
+  VoiceSetting setting = xGetVoiceSettingFromLanguage(ttsManager->getCurrentLanguage());
+  // A stop's clean-up reads the requested setting under taskQueueLock.
+  boost::unique_lock<boost::shared_mutex> settingsLock(taskQueueLock);
+  globalVoiceSetting = setting;
 }
 
 void ZRTextToSpeech::bexStoreApplicationUninstalled(const std::string& key, const ZRValue& value,
@@ -51,7 +54,10 @@ void ZRTextToSpeech::bexStoreApplicationUninstalled(const std::string& key, cons
   const ko::PackageInfo package(value);
   if (package.languages().empty()) return;
   ttsManager->reload(xGetInstalledPackages(), reloadFlag, reloadText);
-  globalVoiceSetting = xGetVoiceSettingFromLanguage(ttsManager->getCurrentLanguage());
+  VoiceSetting setting = xGetVoiceSettingFromLanguage(ttsManager->getCurrentLanguage());
+  // A stop's clean-up reads the requested setting under taskQueueLock.
+  boost::unique_lock<boost::shared_mutex> settingsLock(taskQueueLock);
+  globalVoiceSetting = setting;
 }
 
 }  // namespace ZR

@@ -27,6 +27,8 @@ bool isIgnoredEngineParameter(const std::string& name) {
 }  // namespace
 
 void ZRTextToSpeech::setParameter(const std::string& name, const float& value) {
+  // A stop's clean-up applies the settings under taskQueueLock; clients change them under it too.
+  boost::unique_lock<boost::shared_mutex> settingsLock(taskQueueLock);
   xSetParameter(name, value);
   globalVoiceSetting.parameters[name] = value;
 }
@@ -61,6 +63,8 @@ void ZRTextToSpeech::xSetParameter(const std::string& name, const float& value) 
   } else if (name == "minSize") {
     minSize = truncateToInt(value);
   } else if (name == "mrkAdvance") {
+    // Read by the bookmark scheduler under markerMutex.
+    boost::mutex::scoped_lock markerLock(markerMutex);
     mrkAdvance = truncateToInt(value);
   } else {
     ttsManager->setParameter(name, value);
@@ -88,6 +92,7 @@ float ZRTextToSpeech::getParameter(const std::string& name) {
 }
 
 void ZRTextToSpeech::resetSpeed() {
+  boost::unique_lock<boost::shared_mutex> settingsLock(taskQueueLock);
   ttsManager->resetSpeed();
   const float speed = ttsManager->getParameter("speed");
   appliedVoiceSetting.parameters["speed"] = speed;

@@ -155,6 +155,8 @@ void ZRTextToSpeech::setVoice(const std::string& voice) {
     throw unsupported(error);
   }
 
+  // A stop's clean-up reads the requested setting under taskQueueLock.
+  boost::unique_lock<boost::shared_mutex> settingsLock(taskQueueLock);
   globalVoiceSetting.type = setting.type;
   globalVoiceSetting.value = setting.value;
   globalVoiceSetting.parameters = setting.parameters;
@@ -275,6 +277,8 @@ void ZRTextToSpeech::loadVoicePreference(const std::string& name) {
     KO_LOG(logCategory, ko::log::error, "loadVoicePreference") << message;
     throw ZRError(getName(), "loadVoicePreference", message);
   }
+  // A stop's clean-up reads the requested setting under taskQueueLock.
+  boost::unique_lock<boost::shared_mutex> settingsLock(taskQueueLock);
   globalVoiceSetting.type = setting.type;
   globalVoiceSetting.value = setting.value;
   globalVoiceSetting.parameters = setting.parameters;
