@@ -50,14 +50,8 @@ void ZRTextToSpeech::bexStoreApplicationInstalled(const std::string& key, const 
 
 void ZRTextToSpeech::bexStoreApplicationUninstalled(const std::string& key, const ZRValue& value,
                                                     const std::string& message) {
-  boost::mutex::scoped_lock lock(ttsMutex);
-  const ko::PackageInfo package(value);
-  if (package.languages().empty()) return;
-  ttsManager->reload(xGetInstalledPackages(), reloadFlag, reloadText);
-  VoiceSetting setting = xGetVoiceSettingFromLanguage(ttsManager->getCurrentLanguage());
-  // A stop's clean-up reads the requested setting under taskQueueLock.
-  boost::unique_lock<boost::shared_mutex> settingsLock(taskQueueLock);
-  globalVoiceSetting = setting;
+  // An installation and a removal are handled alike: the engine reloads on the current list.
+  bexStoreApplicationInstalled(key, value, message);
 }
 
 }  // namespace ZR
