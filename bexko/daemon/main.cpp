@@ -122,8 +122,8 @@ int main(int argc, char** argv) {
                  "required on every address, loopback included")
       ->envname("BEXKO_TOKEN");
   app.add_option("--log-level", logLevel,
-                 "Log levels per category: comma-separated GLOB=LEVEL rules, the later matching "
-                 "rule winning, a bare LEVEL meaning *=LEVEL; levels silent, fatal, error, "
+                 "Log levels per category: comma-separated GLOB=LEVEL rules, the most specific "
+                 "matching rule winning, a bare LEVEL meaning *=LEVEL; levels silent, fatal, error, "
                  "warning, info, verbose, debug or 0-6 (example: \"audio.*=verbose,*=info\"); "
                  "also read from BEXKO_LOG_LEVEL. Default: info")
       ->envname("BEXKO_LOG_LEVEL");
