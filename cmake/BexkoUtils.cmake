@@ -12,8 +12,10 @@ function(bexko_configure_target target)
   endif()
   target_compile_options(${target} PRIVATE -Wall -Wextra -Wno-unused-parameter)
   if(BEXKO_SANITIZE STREQUAL "address")
-    target_compile_options(${target} PRIVATE -fsanitize=address,undefined -fno-omit-frame-pointer)
-    target_link_options(${target} PRIVATE -fsanitize=address,undefined)
+    # Undefined behaviour aborts the process, so that a test that meets it fails.
+    target_compile_options(${target} PRIVATE -fsanitize=address,undefined
+                                             -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
+    target_link_options(${target} PRIVATE -fsanitize=address,undefined -fno-sanitize-recover=undefined)
   elseif(BEXKO_SANITIZE STREQUAL "thread")
     target_compile_options(${target} PRIVATE -fsanitize=thread -fno-omit-frame-pointer)
     target_link_options(${target} PRIVATE -fsanitize=thread)

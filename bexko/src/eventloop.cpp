@@ -58,7 +58,10 @@ void EventLoopCore::run() {
     }
     auto first = tasks.begin();
     if (first->first.deadline > Clock::now()) {
-      changed.wait_until(lock, first->first.deadline);
+      // A copy: the wait reads the deadline again after it wakes, when a cancel may have
+      // erased the task that held it.
+      const Clock::time_point deadline = first->first.deadline;
+      changed.wait_until(lock, deadline);
       continue;
     }
     Task task = std::move(first->second);

@@ -107,9 +107,13 @@ TEST(EventLoopOrder, WorkRunsOnTheLoopThread) {
 
 TEST(EventLoopCancel, CancelledWorkNeverRuns) {
   ko::EventLoop loop;
+  loop.post([] {}).value(longWaitMs);  // the loop runs
   std::atomic<bool> ran{false};
   auto future = loop.asyncDelay([&] { ran = true; }, 50ms);
   EXPECT_EQ(loop.pendingCount(), 1u);
+  // Cancelled while the loop sleeps until the task's deadline: the loop must not read the
+  // erased task when it wakes.
+  std::this_thread::sleep_for(10ms);
   future.cancel();
   EXPECT_TRUE(future.isCanceled());
   EXPECT_EQ(loop.pendingCount(), 0u);
