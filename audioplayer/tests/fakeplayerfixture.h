@@ -1,4 +1,4 @@
-// A test host with the fake "sndfile-play" of tests/support/fakeplayer first on PATH, and the
+// A test host with the fake "sndfile-play" (tests/support/fakeplayer) first on PATH, and the
 // helpers that read what the fake recorded.
 #pragma once
 
