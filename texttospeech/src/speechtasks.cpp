@@ -91,7 +91,26 @@ void ZRTextToSpeech::xSay(const std::string& text, ZR::VoiceSetting setting, boo
     return;
   }
 
+  // Counted from here to the end, for exit to wait on.
+  struct ActiveSay {
+    explicit ActiveSay(ZRTextToSpeech& service) : tts(service) {
+      std::lock_guard<std::mutex> lock(tts.activeSaysMutex);
+      ++tts.activeSays;
+    }
+    ~ActiveSay() {
+      std::lock_guard<std::mutex> lock(tts.activeSaysMutex);
+      --tts.activeSays;
+      tts.activeSaysLeft.notify_all();
+    }
+    ZRTextToSpeech& tts;
+  } active(*this);
+
   QueueLock queueLock(taskQueueLock);
+  if (exiting) {
+    // Read under the queue lock that exit's stop takes: either this say is refused here or its
+    // task is in the queue when the stop runs.
+    throw ZRError(getName(), "say", "The speech service is shutting down.");
+  }
   std::string sentence = text;
   lastTagResult = false;
 

@@ -182,7 +182,18 @@ void ZRTextToSpeech::init() {
 }
 
 void ZRTextToSpeech::exit() {
+  exiting = true;
   xStopTask(-1);
+  {
+    // A stopped say still concludes (its last events); the host removes the event store only
+    // after this returns.
+    std::unique_lock<std::mutex> lock(activeSaysMutex);
+    if (!activeSaysLeft.wait_for(lock, std::chrono::seconds(5),
+                                 [this] { return activeSays == 0; })) {
+      KO_LOG(logCategory(), ko::log::warning, "exit")
+          << activeSays << " say call(s) still running 5 s after the stop; exiting without them";
+    }
+  }
   ZRModuleCore::exit();
 }
 

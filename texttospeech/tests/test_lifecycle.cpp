@@ -2,6 +2,7 @@
 // service.
 #include <zr/zrtexttospeech.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -187,6 +188,35 @@ TEST_F(ShutdownTest, HostShutdownStopsTheSentenceBeingSpoken) {
   ASSERT_FALSE(statuses.empty());
   EXPECT_EQ(statuses.back(), statusText(1, "stopped"));
   EXPECT_FALSE(host.broker()->getModuleByName("ZRTextToSpeech"));
+}
+
+TEST_F(ShutdownTest, AStoppedSayConcludesBeforeTheEventStoreGoes) {
+  // The engine takes a while to return after the stop: the host must not remove the event
+  // store before that say has raised its last events and returned.
+  backend.setBlocking(true);
+  backend.setStopLatency(std::chrono::milliseconds(300));
+  BackgroundCall speaking([this] { tts->say("Hello there"); });
+  ASSERT_TRUE(backend.waitForSynthesis(1, 5000));
+
+  host.broker()->shutdown();
+
+  ASSERT_TRUE(speaking.joinWithin(5000)) << "say did not return after the shutdown";
+  EXPECT_EQ(speaking.error(), "");
+  const std::vector<std::string> sentences =
+      describe(host.events("ZRTextToSpeech/CurrentSentence"));
+  ASSERT_FALSE(sentences.empty());
+  EXPECT_EQ(sentences.back(), eventText("CurrentSentence", std::string()));
+}
+
+TEST_F(ShutdownTest, ASayAfterTheServiceBeganToExitIsRefused) {
+  tts->exit();
+  try {
+    tts->say("Too late");
+    FAIL() << "say was accepted after exit";
+  } catch (const ZR::ZRError& e) {
+    EXPECT_STREQ(e.what(), "The speech service is shutting down.");
+  }
+  EXPECT_TRUE(backend.sentences().empty());
 }
 
 }  // namespace

@@ -360,7 +360,9 @@ TEST_F(MethodTableTest, EveryMethodIsPublishedInOrderWithItsDocumentation) {
     EXPECT_EQ(method.description, want.description);
     EXPECT_EQ(method.parameters, want.parameters);
     EXPECT_EQ(method.hasReturn, want.hasReturn);
-    if (want.hasReturn) EXPECT_EQ(method.returnInfo, want.returnInfo);
+    if (want.hasReturn) {
+      EXPECT_EQ(method.returnInfo, want.returnInfo);
+    }
     EXPECT_EQ(method.examples, want.examples);
   }
 }

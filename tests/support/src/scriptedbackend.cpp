@@ -6,6 +6,7 @@
 #include <map>
 #include <mutex>
 #include <sstream>
+#include <thread>
 
 #include <bexko/engine/backend.h>
 #include <bexko/engine/parameters.h>
@@ -71,6 +72,7 @@ struct ScriptedBackend::State {
   int started = 0;
   int running = 0;
   bool stopRequested = false;
+  std::chrono::milliseconds stopLatency{0};
   bool paused = false;
   bool encodingAccepted = true;
   std::map<std::string, ZR::ZRError> failures;
@@ -185,6 +187,15 @@ class ScriptedInstance : public engine::Backend {
       state_->changed.wait(
           lock, [&] { return !state_->blocking || state_->releases > 0 || state_->stopRequested; });
       if (state_->blocking && !state_->stopRequested) --state_->releases;
+      stopped = state_->stopRequested;
+    }
+    if (stopped) {
+      std::chrono::milliseconds latency;
+      {
+        std::lock_guard<std::mutex> lock(state_->mutex);
+        latency = state_->stopLatency;
+      }
+      std::this_thread::sleep_for(latency);
     }
     callback.TTSEventCallBack(ZR::TTS_EVENT_END, 0, 0);
   }
@@ -260,6 +271,11 @@ void ScriptedBackend::setBlocking(bool block) {
   std::lock_guard<std::mutex> lock(state_->mutex);
   state_->blocking = block;
   state_->changed.notify_all();
+}
+
+void ScriptedBackend::setStopLatency(std::chrono::milliseconds latency) {
+  std::lock_guard<std::mutex> lock(state_->mutex);
+  state_->stopLatency = latency;
 }
 
 void ScriptedBackend::release() {

@@ -2,7 +2,9 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <list>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -230,6 +232,14 @@ class ZRTextToSpeech : public ZRModule, public TextToSpeechEngineCallbackInterfa
   bool lastTagResult;
   bool reloadFlag;
   std::string reloadText;
+
+  // Exit stops every task and then waits, for a bounded time, until no say is inside the
+  // service, so that the event store is still there for the last events of each. A say that
+  // arrives once exit has begun is refused (`exiting` is read under taskQueueLock).
+  std::atomic<bool> exiting{false};
+  std::mutex activeSaysMutex;
+  std::condition_variable activeSaysLeft;
+  int activeSays = 0;
 };
 
 /// Logs a voice setting at info level, one record per line, under `title`.

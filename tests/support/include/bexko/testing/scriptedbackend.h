@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
@@ -73,6 +74,9 @@ class ScriptedBackend {
   /// With `block`, startSynthetizer waits after its events until release() or
   /// stopSynthetizer(). Turning blocking off also lets the blocked sentences finish.
   void setBlocking(bool block);
+  /// A stopped sentence returns only `latency` after the stop, as an engine that finishes its
+  /// current chunk first (default 0).
+  void setStopLatency(std::chrono::milliseconds latency);
   /// Lets one blocked sentence (or the next one to block) finish.
   void release();
   /// Waits until `count` sentences have started since construction; false on time-out.
