@@ -1,5 +1,6 @@
 #include <zr/zrbroker.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -297,10 +298,17 @@ TEST_F(BrokerTest, RunningCallKeepsTheBrokerUntilItEnds) {
   // The last reference now goes on the pool thread that ran the call, once the call returns.
   calculator_->stop(posted.id);
   EXPECT_EQ(posted.result.value(longWaitMs), ZRValue(posted.id));
-  for (int i = 0; i < 5000 && !weak.expired(); ++i) {
+  // The reference count drops before the broker's destructor runs: its shut-down (the module's
+  // exit) is awaited too, so that nothing of it is still running when the test ends.
+  const auto exited = [] {
+    const auto entries = Journal::instance().entries();
+    return std::find(entries.begin(), entries.end(), "exit Calculator") != entries.end();
+  };
+  for (int i = 0; i < 5000 && !(weak.expired() && exited()); ++i) {
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   EXPECT_TRUE(weak.expired());
+  EXPECT_TRUE(exited());
   EXPECT_EQ(calculator_->getParentBroker(), nullptr);
 }
 
