@@ -2,244 +2,151 @@
 
 #include <sndfile.h>
 
+#include <algorithm>
 #include <cstdint>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <iterator>
-#include <string>
-#include <vector>
 
-#include <gtest/gtest.h>
-
-#include <zr/zrerror.h>
+#include "support.h"
 
 namespace {
 
-namespace fs = std::filesystem;
+using namespace bexko::test;
 
-// --- Format arithmetic -------------------------------------------------------------------------
+// Format arithmetic ------------------------------------------------------------------------------
 
-TEST(AudioFormat, DefaultIsStereo16BitAt22050) {
-  const ko::AudioSampleInfo info;
+TEST(AudioFormat, DefaultIsStereo16BitAt22050AndSizesFollowTheFormat) {
+  ko::AudioSampleInfo info;
   EXPECT_EQ(info.sampleRate, 22050);
   EXPECT_EQ(info.channels, 2);
-  EXPECT_EQ(info.bytesPerSample(), 2);
-  EXPECT_EQ(info.bytesPerFrame(), 4);
-}
-
-TEST(AudioFormat, BytesPerSampleFollowsFormat) {
-  ko::AudioSampleInfo info;
+  EXPECT_EQ(info.format, ko::AudioSampleFormat::S16_LE);
+  EXPECT_THAT(info.channelPositions, ::testing::ElementsAre(ko::AudioChannelPosition::FrontLeft,
+                                                            ko::AudioChannelPosition::FrontRight));
+  EXPECT_EQ(info.bytesPerSample() * 10 + info.bytesPerFrame(), 24);
   info.format = ko::AudioSampleFormat::S32_LE;
   EXPECT_EQ(info.bytesPerSample(), 4);
   info.format = ko::AudioSampleFormat::Float32_LE;
-  EXPECT_EQ(info.bytesPerSample(), 4);
   info.channels = 1;
   EXPECT_EQ(info.bytesPerFrame(), 4);
 }
 
-struct MsecCase {
-  long long bytes;
-  int rate;
-  int channels;
-  long long expected;
-};
-
-class AudioBytesToMsec : public ::testing::TestWithParam<MsecCase> {};
-
-TEST_P(AudioBytesToMsec, ConvertsAndTruncates) {
-  ko::AudioSampleInfo info;
-  info.sampleRate = GetParam().rate;
-  info.channels = GetParam().channels;
-  EXPECT_EQ(ko::audioBytesToMsec(GetParam().bytes, info), GetParam().expected);
+TEST(AudioFormat, BytesToMsecConvertsAndTruncates) {
+  // bytes, rate, channels, milliseconds; 1e12 seconds overflow bytes * 1000 in 64 bits.
+  const std::tuple<long long, int, int, long long> cases[] = {
+      {88200, 22050, 2, 1000}, {44100, 22050, 2, 500},
+      {88199, 22050, 2, 999},  {1, 22050, 2, 0},
+      {0, 22050, 2, 0},        {-88200, 22050, 2, -1000},
+      {32000, 16000, 1, 1000}, {320, 16000, 1, 10},
+      {1000, 0, 2, 0},         {88200LL * 1000000000000LL, 22050, 2, 1000000000000000LL}};
+  for (const auto& [bytes, rate, channels, expected] : cases) {
+    ko::AudioSampleInfo info;
+    info.sampleRate = rate;
+    info.channels = channels;
+    EXPECT_EQ(ko::audioBytesToMsec(bytes, info), expected) << bytes << " at " << rate;
+  }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Table, AudioBytesToMsec,
-    ::testing::Values(MsecCase{88200, 22050, 2, 1000}, MsecCase{44100, 22050, 2, 500},
-                      MsecCase{88199, 22050, 2, 999}, MsecCase{1, 22050, 2, 0},
-                      MsecCase{0, 22050, 2, 0}, MsecCase{-88200, 22050, 2, -1000},
-                      MsecCase{32000, 16000, 1, 1000}, MsecCase{320, 16000, 1, 10},
-                      // 1e12 seconds: bytes * 1000 overflows 64 bits
-                      MsecCase{88200LL * 1000000000000LL, 22050, 2, 1000000000000000LL},
-                      MsecCase{1000, 0, 2, 0}));
-
-// --- Sound files -------------------------------------------------------------------------------
+// Sound files ------------------------------------------------------------------------------------
 
 class AudioSndFileTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    folder_ = fs::path(std::getenv("BEXKO_TEST_ROOT")) / "audio" /
-              ::testing::UnitTest::GetInstance()->current_test_info()->name();
-    fs::remove_all(folder_);  // a repeated run starts from an empty folder
-    fs::create_directories(folder_);
     info_.sampleRate = 16000;
-    info_.channels = 2;
     for (int i = 0; i < 1000; ++i) {
       samples_.push_back(static_cast<int16_t>(i * 7 - 3000));
       samples_.push_back(static_cast<int16_t>(-i * 11));
     }
   }
   std::string path(const std::string& name) const { return (folder_ / name).string(); }
-  std::size_t sampleBytes() const { return samples_.size() * sizeof(int16_t); }
 
-  /// Writes the samples in two pieces cut inside a frame, as an engine callback might.
-  void writeSamples(ko::AudioSndFile& file) const {
+  /// Opens `name` and writes its first `frames` frames in two pieces cut inside a frame, as an
+  /// engine callback might.
+  void writeSamples(ko::AudioSndFile& file, const std::string& name, int type, int frames) const {
+    file.setSampleInfo(info_);
+    file.open(path(name), ko::AudioSndFileWrite, type);
+    EXPECT_TRUE(file.isOpen());
     const auto* bytes = reinterpret_cast<const char*>(samples_.data());
-    const std::size_t cut = 1001;  // not a multiple of the 4-byte frame
-    EXPECT_EQ(file.write(bytes, cut), cut);
-    EXPECT_EQ(file.write(bytes + cut, sampleBytes() - cut), sampleBytes() - cut);
+    const std::size_t size = frames * 4;
+    const std::size_t cut = size / 2 + 1;  // not a multiple of the 4-byte frame
+    if (size == 0) return;
+    EXPECT_EQ(file.write(bytes, cut) + file.write(bytes + cut, size - cut), size);
   }
 
-  void expectWavWithSamples(const std::string& file) const {
-    SF_INFO readInfo{};
-    SNDFILE* sound = sf_open(file.c_str(), SFM_READ, &readInfo);
-    ASSERT_NE(sound, nullptr) << sf_strerror(nullptr);
-    EXPECT_EQ(readInfo.format, SF_FORMAT_WAV | SF_FORMAT_PCM_16);
-    EXPECT_EQ(readInfo.samplerate, 16000);
-    EXPECT_EQ(readInfo.channels, 2);
-    EXPECT_EQ(readInfo.frames, 1000);
-    std::vector<int16_t> read(samples_.size());
-    EXPECT_EQ(sf_readf_short(sound, read.data(), 1000), 1000);
-    sf_close(sound);
-    EXPECT_EQ(read, samples_);
-  }
-
-  fs::path folder_;
+  const fs::path folder_ = freshFolder("audio");
   ko::AudioSampleInfo info_;
   std::vector<int16_t> samples_;
 };
 
-TEST_F(AudioSndFileTest, WavReadsBackWithFormatAndSamples) {
-  ko::AudioSndFile file;
-  file.setSampleInfo(info_);
-  EXPECT_EQ(file.sampleInfo(), info_);
-  file.open(path("speech.wav"), ko::AudioSndFileWrite, ko::AudioSndFileByExtension);
-  EXPECT_TRUE(file.isOpen());
-  writeSamples(file);
-  file.close();
-  EXPECT_FALSE(file.isOpen());
-  expectWavWithSamples(path("speech.wav"));
-}
-
-TEST_F(AudioSndFileTest, ExtensionIsMatchedWithoutCase) {
-  ko::AudioSndFile file;
-  file.setSampleInfo(info_);
-  file.open(path("SPEECH.WaV"), ko::AudioSndFileWrite, ko::AudioSndFileByExtension);
-  writeSamples(file);
-  file.close();
-  expectWavWithSamples(path("SPEECH.WaV"));
-}
-
-TEST_F(AudioSndFileTest, ExplicitTypeOverridesExtension) {
-  ko::AudioSndFile file;
-  file.setSampleInfo(info_);
-  file.open(path("speech.dat"), ko::AudioSndFileWrite, ko::AudioSndFileWav);
-  writeSamples(file);
-  file.close();
-  expectWavWithSamples(path("speech.dat"));
-}
-
-TEST_F(AudioSndFileTest, DestructorClosesAndFinishesTheFile) {
-  {
-    ko::AudioSndFile file;
-    file.setSampleInfo(info_);
-    file.open(path("scoped.wav"), ko::AudioSndFileWrite, ko::AudioSndFileByExtension);
-    writeSamples(file);
-    file.close();
-    file.close();  // idempotent
+// The extension is matched without case, the type given overrides the name, closing again is
+// harmless, the destructor closes (no close), and a file without samples is valid.
+TEST_F(AudioSndFileTest, WavReadsBackWithLibsndfile) {
+  const std::tuple<const char*, int, int, int> cases[] = {
+      // name, type, closes, frames
+      {"speech.wav", ko::AudioSndFileByExtension, 1, 1000},
+      {"SPEECH.WaV", ko::AudioSndFileByExtension, 2, 1000},
+      {"speech.dat", ko::AudioSndFileWav, 0, 1000},
+      {"silence.wav", ko::AudioSndFileByExtension, 1, 0}};
+  for (const auto& [name, type, closes, frames] : cases) {
+    SCOPED_TRACE(name);
+    {
+      ko::AudioSndFile file;
+      writeSamples(file, name, type, frames);
+      for (int i = 0; i < closes; ++i) file.close();
+      EXPECT_EQ(file.isOpen(), closes == 0);
+    }
+    SF_INFO readInfo{};
+    SNDFILE* sound = sf_open(path(name).c_str(), SFM_READ, &readInfo);
+    ASSERT_NE(sound, nullptr) << sf_strerror(nullptr);
+    EXPECT_EQ(readInfo.format, SF_FORMAT_WAV | SF_FORMAT_PCM_16);
+    EXPECT_EQ(readInfo.samplerate, 16000);
+    EXPECT_EQ(readInfo.channels, 2);
+    EXPECT_EQ(readInfo.frames, frames);
+    std::vector<int16_t> read(2 * frames);
+    EXPECT_EQ(sf_readf_short(sound, read.data(), frames), frames);
+    sf_close(sound);
+    EXPECT_TRUE(std::equal(read.begin(), read.end(), samples_.begin()));
   }
-  {
-    ko::AudioSndFile file;
-    file.setSampleInfo(info_);
-    file.open(path("unclosed.wav"), ko::AudioSndFileWrite, ko::AudioSndFileByExtension);
-    writeSamples(file);
-  }
-  expectWavWithSamples(path("scoped.wav"));
-  expectWavWithSamples(path("unclosed.wav"));
 }
 
 TEST_F(AudioSndFileTest, RawIsHeaderlessLittleEndianPcm) {
-  ko::AudioSndFile file;
-  file.setSampleInfo(info_);
-  file.open(path("speech.raw"), ko::AudioSndFileWrite, ko::AudioSndFileByExtension);
-  writeSamples(file);
-  file.close();
-  EXPECT_EQ(fs::file_size(path("speech.raw")), sampleBytes());
+  {
+    ko::AudioSndFile file;
+    writeSamples(file, "speech.raw", ko::AudioSndFileByExtension, 1000);
+  }
   std::ifstream in(path("speech.raw"), std::ios::binary);
   const std::vector<unsigned char> content((std::istreambuf_iterator<char>(in)),
                                            std::istreambuf_iterator<char>());
-  ASSERT_EQ(content.size(), sampleBytes());
+  ASSERT_EQ(content.size(), 2 * samples_.size());
   for (std::size_t i = 0; i < samples_.size(); ++i) {
     const auto value = static_cast<uint16_t>(samples_[i]);
-    ASSERT_EQ(content[2 * i], value & 0xff) << "sample " << i;
-    ASSERT_EQ(content[2 * i + 1], value >> 8) << "sample " << i;
+    ASSERT_EQ(content[2 * i] + 256 * content[2 * i + 1], value) << "sample " << i;
   }
 }
 
-TEST_F(AudioSndFileTest, EmptyFileIsValid) {
-  ko::AudioSndFile file;
-  file.setSampleInfo(info_);
-  file.open(path("silence.wav"), ko::AudioSndFileWrite, ko::AudioSndFileByExtension);
-  file.close();
-  SF_INFO readInfo{};
-  SNDFILE* sound = sf_open(path("silence.wav").c_str(), SFM_READ, &readInfo);
-  ASSERT_NE(sound, nullptr) << sf_strerror(nullptr);
-  EXPECT_EQ(readInfo.frames, 0);
-  sf_close(sound);
-}
-
-struct OpenFailure {
-  const char* name;
-  const char* file;
-  int flag;
-  int type;
-  const char* reasonPart;
-};
-
-class AudioSndFileOpenFailure : public AudioSndFileTest,
-                                public ::testing::WithParamInterface<OpenFailure> {};
-
-TEST_P(AudioSndFileOpenFailure, ThrowsNamingFileAndReason) {
-  const OpenFailure& c = GetParam();
-  const std::string target = path(c.file);
-  ko::AudioSndFile file;
-  file.setSampleInfo(info_);
-  try {
-    file.open(target, c.flag, c.type);
-    FAIL() << "no error";
-  } catch (const ZR::ZRError& e) {
-    EXPECT_EQ(e.moduleName(), "AudioSndFile");
-    EXPECT_EQ(e.methodName(), "open");
-    const std::string message = e.what();
-    EXPECT_NE(message.find(target), std::string::npos) << message;
-    EXPECT_NE(message.find(c.reasonPart), std::string::npos) << message;
+TEST_F(AudioSndFileTest, FailedOpenThrowsNamingFileAndReason) {
+  constexpr int write = ko::AudioSndFileWrite;
+  constexpr int byName = ko::AudioSndFileByExtension;
+  const std::tuple<const char*, int, int, const char*> cases[] = {
+      {"speech.mp3", write, byName, "unknown sound file type"},
+      {"speech", write, byName, "unknown sound file type"},
+      {"dir.wav/speech", write, byName, "unknown sound file type"},
+      {"speech.wav", write, 9, "unknown sound file type"},
+      {"speech.wav", ko::AudioSndFileRead, byName, "only writing"},
+      {"missing/speech.wav", write, byName, "No such file or directory"}};  // libsndfile's reason
+  for (const auto& c : cases) {
+    const auto& [name, flag, type, reason] = c;
+    SCOPED_TRACE(name);
+    ko::AudioSndFile file;
+    file.setSampleInfo(info_);
+    const ZRError e =
+        errorOf([&] { file.open(path(std::get<0>(c)), std::get<1>(c), std::get<2>(c)); });
+    EXPECT_EQ(e.moduleName() + "::" + e.methodName(), "AudioSndFile::open");
+    EXPECT_THAT(e.what(),
+                ::testing::AllOf(::testing::HasSubstr(path(name)), ::testing::HasSubstr(reason)));
+    EXPECT_FALSE(file.isOpen());
+    EXPECT_FALSE(fs::exists(path(name)));
+    const char data[4] = {};
+    EXPECT_THROW(file.write(data, sizeof data), ZRError);
   }
-  EXPECT_FALSE(file.isOpen());
-  EXPECT_FALSE(fs::exists(target));
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Table, AudioSndFileOpenFailure,
-    ::testing::Values(OpenFailure{"UnknownExtension", "speech.mp3", ko::AudioSndFileWrite,
-                                  ko::AudioSndFileByExtension, "unknown sound file type"},
-                      OpenFailure{"NoExtension", "speech", ko::AudioSndFileWrite,
-                                  ko::AudioSndFileByExtension, "unknown sound file type"},
-                      OpenFailure{"DotInFolderOnly", "dir.wav/speech", ko::AudioSndFileWrite,
-                                  ko::AudioSndFileByExtension, "unknown sound file type"},
-                      OpenFailure{"UnknownType", "speech.wav", ko::AudioSndFileWrite, 9,
-                                  "unknown sound file type"},
-                      OpenFailure{"ReadFlag", "speech.wav", ko::AudioSndFileRead,
-                                  ko::AudioSndFileByExtension, "only writing"},
-                      // libsndfile's own reason for a folder that does not exist
-                      OpenFailure{"MissingFolder", "missing/speech.wav", ko::AudioSndFileWrite,
-                                  ko::AudioSndFileByExtension, "No such file or directory"}),
-    [](const ::testing::TestParamInfo<OpenFailure>& info) { return info.param.name; });
-
-TEST_F(AudioSndFileTest, WriteWithoutOpenFileThrows) {
-  ko::AudioSndFile file;
-  const char data[4] = {};
-  EXPECT_THROW(file.write(data, sizeof data), ZR::ZRError);
 }
 
 }  // namespace

@@ -1,108 +1,51 @@
+// The event loop, and the futures through which it hands back results.
 #include <ko/eventloop.h>
 
-#include <atomic>
-#include <chrono>
-#include <condition_variable>
-#include <memory>
-#include <mutex>
-#include <stdexcept>
-#include <thread>
-#include <vector>
-
-#include <gtest/gtest.h>
-
-#include <ko/log.h>
+#include "support.h"
 
 namespace {
 
-using namespace std::chrono_literals;
+using namespace bexko::test;
 
-constexpr int longWaitMs = 10000;
+using ko::Future;
+using ko::FutureException;
+using ko::FutureState;
+using ko::Promise;
 
-/// Holds the loop's thread until released, so that work can be queued behind it.
-class Gate {
- public:
-  void wait() {
-    std::unique_lock<std::mutex> lock(mutex_);
-    entered_ = true;
-    changed_.notify_all();
-    changed_.wait(lock, [this] { return open_; });
-  }
-  void waitEntered() {
-    std::unique_lock<std::mutex> lock(mutex_);
-    changed_.wait(lock, [this] { return entered_; });
-  }
-  void open() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    open_ = true;
-    changed_.notify_all();
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  bool entered_ = false;
-  bool open_ = false;
-};
-
-class Recorder {
- public:
-  void add(int value) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    values_.push_back(value);
-  }
-  std::vector<int> values() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return values_;
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<int> values_;
-};
-
-TEST(EventLoopOrder, DelayedWorkRunsInDeadlineOrder) {
+TEST(EventLoopOrder, DelayedWorkRunsInDeadlineOrderAndNotBeforeItsDelay) {
   ko::EventLoop loop;
-  Recorder order;
+  Recorder<> order;
+  const auto start = std::chrono::steady_clock::now();
   auto late = loop.asyncDelay([&] { order.add(3); }, 90ms);
-  auto early = loop.asyncDelay([&] { order.add(1); }, 10ms);
-  auto middle = loop.asyncDelay([&] { order.add(2); }, 50ms);
+  loop.asyncDelay([&] { order.add(1); }, 10ms);
+  loop.async([&] { order.add(2); }, 50000);  // microseconds
   late.value(longWaitMs);
-  EXPECT_TRUE(early.hasValue());
-  EXPECT_TRUE(middle.hasValue());
-  EXPECT_EQ(order.values(), (std::vector<int>{1, 2, 3}));
+  EXPECT_GE(std::chrono::steady_clock::now() - start, 90ms);
+  EXPECT_EQ(order.seen(), (std::vector<int>{1, 2, 3}));
 }
 
-TEST(EventLoopOrder, DelayedWorkWaitsAtLeastItsDelay) {
-  ko::EventLoop loop;
-  auto start = std::chrono::steady_clock::now();
-  std::chrono::steady_clock::time_point ranAt;
-  loop.async([&] { ranAt = std::chrono::steady_clock::now(); }, 30000).value(longWaitMs);
-  EXPECT_GE(ranAt - start, 30ms);
-}
-
-TEST(EventLoopOrder, WorkGivenTogetherRunsInTheOrderGiven) {
-  ko::EventLoop loop;
-  Gate gate;
-  loop.post([&] { gate.wait(); });
-  gate.waitEntered();
-  Recorder order;
-  std::vector<ko::Future<void>> futures;
-  for (int i = 0; i < 100; ++i) futures.push_back(loop.post([&order, i] { order.add(i); }));
-  EXPECT_EQ(loop.pendingCount(), 100u);
-  gate.open();
-  futures.back().value(longWaitMs);
-  std::vector<int> expected;
-  for (int i = 0; i < 100; ++i) expected.push_back(i);
-  EXPECT_EQ(order.values(), expected);
-}
-
-TEST(EventLoopOrder, WorkRunsOnTheLoopThread) {
+TEST(EventLoopOrder, WorkGivenTogetherRunsOnTheLoopThreadInTheOrderGiven) {
   ko::EventLoop loop;
   EXPECT_FALSE(loop.isInLoopThread());
+  Gate gate;
   std::atomic<bool> inLoop{false};
-  loop.post([&] { inLoop = loop.isInLoopThread(); }).value(longWaitMs);
+  loop.post([&] {
+    inLoop = loop.isInLoopThread();
+    gate.wait();
+  });
+  EXPECT_TRUE(gate.waitForWaiting());
   EXPECT_TRUE(inLoop.load());
+  Recorder<> order;
+  std::vector<int> expected;
+  Future<void> last;
+  for (int i = 0; i < 100; ++i) {
+    last = loop.post([&order, i] { order.add(i); });
+    expected.push_back(i);
+  }
+  EXPECT_EQ(loop.pendingCount(), 100u);
+  gate.open();
+  last.value(longWaitMs);
+  EXPECT_EQ(order.seen(), expected);
 }
 
 TEST(EventLoopCancel, CancelledWorkNeverRuns) {
@@ -122,112 +65,180 @@ TEST(EventLoopCancel, CancelledWorkNeverRuns) {
   EXPECT_FALSE(ran.load());
 }
 
-TEST(EventLoopCancel, CancelWhileRunningLetsTheTaskFinish) {
-  ko::EventLoop loop;
-  Gate gate;
-  auto future = loop.post([&] { gate.wait(); });
-  gate.waitEntered();
-  future.cancel();
-  EXPECT_EQ(future.state(), ko::FutureState::Canceling);
-  gate.open();
-  EXPECT_EQ(future.wait(longWaitMs), ko::FutureState::FinishedWithValue);
-}
-
-TEST(EventLoopCancel, DestroyedLoopCancelsWorkNotRun) {
-  ko::Future<void> pending;
-  std::atomic<bool> ran{false};
-  {
-    ko::EventLoop loop;
-    pending = loop.asyncDelay([&] { ran = true; }, 1h);
-  }
-  EXPECT_TRUE(pending.isCanceled());
-  EXPECT_FALSE(ran.load());
-}
-
-TEST(EventLoopCancel, DestructorWaitsForTheRunningTask) {
+TEST(EventLoopCancel, RunningTaskFinishesDespiteCancelAndDestructorCancelsTheRest) {
+  Future<void> pending;
+  Future<void> running;
+  std::atomic<bool> pendingRan{false};
   std::atomic<bool> finished{false};
   Gate gate;
   {
     ko::EventLoop loop;
-    loop.post([&] {
+    pending = loop.asyncDelay([&] { pendingRan = true; }, 1h);
+    running = loop.post([&] {
       gate.wait();
       std::this_thread::sleep_for(20ms);
       finished = true;
     });
-    gate.waitEntered();
+    EXPECT_TRUE(gate.waitForWaiting());
+    running.cancel();
+    EXPECT_EQ(running.state(), FutureState::Canceling);
     gate.open();
-  }
+  }  // the destructor waits for the running task
   EXPECT_TRUE(finished.load());
+  EXPECT_EQ(running.state(), FutureState::FinishedWithValue);
+  EXPECT_TRUE(pending.isCanceled());
+  EXPECT_FALSE(pendingRan.load());
 }
 
-class EventLoopErrors : public ::testing::Test {
- protected:
-  void SetUp() override { sinkId_ = ko::log::addSink(capture_); }
-  void TearDown() override { ko::log::removeSink(sinkId_); }
-
-  std::shared_ptr<ko::log::CaptureSink> capture_ = std::make_shared<ko::log::CaptureSink>();
-  int sinkId_ = 0;
-};
-
-TEST_F(EventLoopErrors, ExceptionInTaskIsReportedAndTheLoopGoesOn) {
+TEST(EventLoopErrors, FailingTaskIsReportedAndTheLoopGoesOn) {
+  auto capture = std::make_shared<ko::log::CaptureSink>();
+  const int sink = ko::log::addSink(capture);
   ko::EventLoop loop;
   auto failing = loop.post([] { throw std::runtime_error("marker table broken"); });
-  auto next = loop.post([] {});
-  EXPECT_EQ(next.wait(longWaitMs), ko::FutureState::FinishedWithValue);
-  EXPECT_EQ(failing.state(), ko::FutureState::FinishedWithError);
+  auto oddlyFailing = loop.post([] { throw 5; });
+  EXPECT_EQ(loop.post([] {}).wait(longWaitMs), FutureState::FinishedWithValue);
+  ko::log::removeSink(sink);
   EXPECT_EQ(failing.error(), "marker table broken");
-
-  bool logged = false;
-  for (const auto& record : capture_->records()) {
-    if (record.category == "bexko.eventloop" && record.level == ko::log::error &&
-        record.message.find("marker table broken") != std::string::npos) {
-      logged = true;
-    }
-  }
-  EXPECT_TRUE(logged);
+  EXPECT_EQ(oddlyFailing.state(), FutureState::FinishedWithError);
+  EXPECT_TRUE(hasRecord(*capture, ko::log::error, "bexko.eventloop", "marker table broken"));
 }
 
-TEST_F(EventLoopErrors, NonStandardExceptionDoesNotKillTheLoop) {
-  ko::EventLoop loop;
-  auto failing = loop.post([] { throw 5; });
-  EXPECT_EQ(failing.wait(longWaitMs), ko::FutureState::FinishedWithError);
-  EXPECT_EQ(loop.post([] {}).wait(longWaitMs), ko::FutureState::FinishedWithValue);
-}
-
-TEST(SharedEventLoop, IsOneLoopForTheProcess) {
-  ko::EventLoop* loop = ko::getEventLoop();
-  ASSERT_NE(loop, nullptr);
-  EXPECT_EQ(loop, ko::getEventLoop());
-  std::atomic<bool> ran{false};
-  loop->post([&] { ran = true; }).value(longWaitMs);
-  EXPECT_TRUE(ran.load());
-}
-
-TEST(SharedEventLoop, ManyThreadsScheduleConcurrently) {
-  ko::EventLoop loop;
+TEST(SharedEventLoop, IsOneLoopThatManyThreadsScheduleOnConcurrently) {
+  ko::EventLoop& loop = *ko::getEventLoop();
+  EXPECT_EQ(&loop, ko::getEventLoop());
   std::atomic<int> runs{0};
+  std::vector<Future<void>> futures[4];
   std::vector<std::thread> threads;
-  std::vector<ko::Future<void>> futures[4];
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&, t] {
+  for (auto& list : futures) {
+    threads.emplace_back([&, &list = list] {
       for (int i = 0; i < 50; ++i) {
-        auto f = loop.asyncDelay([&] { ++runs; }, std::chrono::microseconds(i * 100));
-        if (i % 5 == 0) f.cancel();
-        futures[t].push_back(f);
+        list.push_back(loop.asyncDelay([&] { ++runs; }, std::chrono::microseconds(i * 100)));
+        if (i % 5 == 0) list.back().cancel();
       }
     });
   }
   for (auto& t : threads) t.join();
-  int expected = 0;
+  int ran = 0;
+  int cancelled = 0;
   for (auto& list : futures) {
     for (auto& f : list) {
-      auto state = f.wait(longWaitMs);
-      EXPECT_NE(state, ko::FutureState::Running);
-      if (state == ko::FutureState::FinishedWithValue) ++expected;
+      ran += f.wait(longWaitMs) == FutureState::FinishedWithValue;
+      cancelled += f.isCanceled();
     }
   }
-  EXPECT_EQ(runs.load(), expected);
-  EXPECT_GE(expected, 4 * 40);  // only every fifth could be cancelled
+  EXPECT_EQ(ran + cancelled, 200);
+  EXPECT_EQ(runs.load(), ran);
+  EXPECT_GE(ran, 4 * 40);  // only every fifth could be cancelled
+}
+
+// Futures ----------------------------------------------------------------------------------------
+
+/// The exception that value() throws; fails the test when it returns.
+template <typename T>
+FutureException failureOf(const Future<T>& future, int msecs = 0) {
+  try {
+    future.value(msecs);
+  } catch (const FutureException& e) {
+    return e;
+  }
+  ADD_FAILURE() << "value() returned instead of throwing";
+  return FutureException(FutureException::BrokenPromise, "");
+}
+
+TEST(FutureValue, WaitersTimeOutUntilTheValueIsSetThenAllSeeIt) {
+  Promise<std::string> promise;
+  const Future<std::string> future = promise.future();
+  EXPECT_EQ(failureOf(future, 10).kind(), FutureException::Timeout);
+  EXPECT_EQ(future.wait(10), FutureState::Running);
+  EXPECT_TRUE(future.isRunning());
+  std::atomic<int> correct{0};
+  std::vector<std::thread> waiters;
+  for (int i = 0; i < 16; ++i) waiters.emplace_back([&] { correct += future.value() == "late"; });
+  std::this_thread::sleep_for(20ms);
+  promise.setValue("late");
+  for (auto& t : waiters) t.join();
+  EXPECT_EQ(correct.load(), 16);
+}
+
+TEST(FutureValue, FirstCompletionWinsAndAnErrorCarriesItsText) {
+  Promise<int> valued;
+  Promise<int> failed;
+  Promise<void> done;
+  EXPECT_TRUE(valued.setValue(1) && failed.setError("the engine is gone") && done.setValue());
+  for (Promise<int>* promise : {&valued, &failed}) {
+    EXPECT_FALSE(promise->setValue(2) || promise->setError("late") || promise->setCanceled());
+  }
+  EXPECT_FALSE(done.setValue());
+  EXPECT_NO_THROW(done.future().value(0));
+  EXPECT_EQ(valued.future().value(0), 1);
+  EXPECT_EQ(valued.future().error(), "");
+  EXPECT_EQ(failed.future().error(), "the engine is gone");
+  const FutureException e = failureOf(failed.future());
+  EXPECT_EQ(e.kind(), FutureException::UserError);
+  EXPECT_STREQ(e.what(), "the engine is gone");
+}
+
+// Without a cancel handler a cancel is immediate; with one, the producer settles.
+TEST(FutureCancel, CancelIsAtOnceOrLeftToTheProducersHandler) {
+  Promise<int> plain;
+  plain.future().cancel();
+  EXPECT_TRUE(plain.isCancelRequested());
+  EXPECT_EQ(failureOf(plain.future()).kind(), FutureException::Canceled);
+  EXPECT_FALSE(plain.setValue(3));
+
+  int handlerCalls = 0;
+  Promise<int> promise([&](Promise<int>) { ++handlerCalls; });
+  Future<int> future = promise.future();
+  future.cancel();
+  future.cancel();  // a second request does not run the handler again
+  EXPECT_EQ(future.state(), FutureState::Canceling);
+  EXPECT_TRUE(future.isRunning() && promise.isCancelRequested());
+  EXPECT_TRUE(promise.setValue(5));  // the producer may still finish with a value
+  future.cancel();                   // a finished future ignores cancel
+  EXPECT_EQ(handlerCalls, 1);
+  EXPECT_EQ(future.value(0), 5);
+  Promise<int> settling([](Promise<int> p) { p.setCanceled(); });
+  settling.future().cancel();
+  EXPECT_TRUE(settling.future().isCanceled());
+}
+
+TEST(FutureConnect, CallbacksRunOnCompletionOrAtOnceAndSurviveAThrowingOne) {
+  Promise<int> promise;
+  std::vector<std::string> seen;
+  promise.future().connect([&](const Future<int>&) {
+    seen.push_back("throws");
+    throw std::runtime_error("subscriber bug");
+  });
+  promise.future().connect(
+      [&](const Future<int>& f) { seen.push_back(f.isCanceled() ? "cancelled" : "?"); });
+  EXPECT_TRUE(seen.empty());
+  EXPECT_NO_THROW(promise.future().cancel());
+  promise.future().connect(
+      [&](const Future<int>& f) { seen.push_back(f.isCanceled() ? "late" : "?"); });
+  EXPECT_EQ(seen, (std::vector<std::string>{"throws", "cancelled", "late"}));
+}
+
+TEST(FutureThreads, RacingCompletionsHaveOneWinner) {
+  for (int round = 0; round < 20; ++round) {
+    Promise<int> promise;
+    std::atomic<int> winners{0};
+    std::atomic<int> callbacks{0};
+    promise.future().connect([&](const Future<int>&) { ++callbacks; });
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 8; ++i) {
+      threads.emplace_back([&, i, p = promise]() mutable {
+        winners += (i % 3 == 0) ? p.setError("e") : (i % 3 == 1) ? p.setValue(i) : p.setCanceled();
+      });
+    }
+    std::thread canceller([f = promise.future()]() mutable { f.cancel(); });
+    for (auto& t : threads) t.join();
+    canceller.join();
+    // Exactly one completion takes effect: one of the threads, or else the canceller.
+    EXPECT_LE(winners.load(), 1);
+    EXPECT_TRUE(winners.load() == 1 || promise.future().isCanceled());
+    EXPECT_TRUE(promise.future().isFinished());
+    EXPECT_EQ(callbacks.load(), 1);
+  }
 }
 
 }  // namespace

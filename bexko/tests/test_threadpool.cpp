@@ -1,72 +1,12 @@
 #include "threadpool.h"
 
-#include <atomic>
-#include <chrono>
-#include <condition_variable>
 #include <future>
-#include <memory>
-#include <mutex>
-#include <thread>
-#include <vector>
 
-#include <gtest/gtest.h>
+#include "support.h"
 
 namespace {
 
-using namespace std::chrono_literals;
-
-constexpr auto longWait = 20s;
-
-/// Holds the tasks that wait on it until it is opened.
-class Gate {
- public:
-  void wait() {
-    std::unique_lock<std::mutex> lock(mutex_);
-    ++waiting_;
-    changed_.notify_all();
-    changed_.wait(lock, [this] { return open_; });
-  }
-  void open() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    open_ = true;
-    changed_.notify_all();
-  }
-  /// Waits until `count` tasks wait on the gate.
-  bool waitForWaiting(int count) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, longWait, [&] { return waiting_ >= count; });
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  int waiting_ = 0;
-  bool open_ = false;
-};
-
-/// Records task numbers in the order they ran.
-class Order {
- public:
-  void add(int n) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    seen_.push_back(n);
-    changed_.notify_all();
-  }
-  std::vector<int> waitFor(std::size_t count) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    changed_.wait_for(lock, longWait, [&] { return seen_.size() >= count; });
-    return seen_;
-  }
-  std::vector<int> seen() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return seen_;
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<int> seen_;
-};
+using namespace bexko::test;
 
 /// Polls `predicate` until it holds or a long time has passed.
 template <typename Predicate>
@@ -80,10 +20,10 @@ bool eventually(Predicate predicate) {
 }
 
 TEST(ThreadPoolTest, ATaskWaitingForALaterOneGetsAThreadOfItsOwn) {
-  bexko::ThreadPool pool(4);
   std::promise<void> laterRan;
   std::future<void> later = laterRan.get_future();
   std::atomic<bool> firstFinished{false};
+  bexko::ThreadPool pool(4);  // last, so that its threads are joined first
   pool.submit([&] {
     later.wait();
     firstFinished = true;
@@ -94,41 +34,34 @@ TEST(ThreadPoolTest, ATaskWaitingForALaterOneGetsAThreadOfItsOwn) {
 }
 
 TEST(ThreadPoolTest, BeyondTheCapTasksWaitInArrivalOrder) {
-  bexko::ThreadPool pool(2);
-  Gate gate;
-  Order order;
-  pool.submit([&] { gate.wait(); });
-  pool.submit([&] { gate.wait(); });
-  ASSERT_TRUE(gate.waitForWaiting(2));
-  for (int n = 1; n <= 3; ++n) pool.submit([&order, n] { order.add(n); });
+  for (int cap : {1, 2}) {
+    SCOPED_TRACE(cap);
+    Gate gate;
+    Recorder<> order;
+    bexko::ThreadPool pool(cap);
+    for (int i = 0; i < cap; ++i) pool.submit([&] { gate.wait(); });
+    EXPECT_TRUE(gate.waitForWaiting(cap));
+    std::vector<ko::Future<void>> done;
+    for (int n = 1; n <= 5; ++n) done.push_back(pool.post([&order, n] { order.add(n); }));
+    std::this_thread::sleep_for(50ms);  // room for a wrong extra thread to run a task
+    EXPECT_EQ(pool.threadCount(), static_cast<std::size_t>(cap));
+    EXPECT_TRUE(order.seen().empty());
 
-  std::this_thread::sleep_for(50ms);  // room for a wrong extra thread to run a task
-  EXPECT_EQ(pool.threadCount(), 2u);
-  EXPECT_TRUE(order.seen().empty());
-
-  gate.open();
-  auto seen = order.waitFor(3);
-  ASSERT_EQ(seen.size(), 3u);
-  // Two threads take the queue from its front: 1 starts before 3, whatever the interleaving.
-  EXPECT_NE(seen.front(), 3);
-}
-
-TEST(ThreadPoolTest, OneThreadRunsTasksInArrivalOrder) {
-  bexko::ThreadPool pool(1);
-  Gate gate;
-  Order order;
-  pool.submit([&] { gate.wait(); });
-  for (int n = 1; n <= 5; ++n) pool.submit([&order, n] { order.add(n); });
-  gate.open();
-  EXPECT_EQ(order.waitFor(5), (std::vector<int>{1, 2, 3, 4, 5}));
-  EXPECT_EQ(pool.threadCount(), 1u);
+    gate.open();
+    for (auto& future : done) future.wait(longWaitMs);
+    const std::vector<int> seen = order.seen();
+    EXPECT_THAT(seen, ::testing::UnorderedElementsAre(1, 2, 3, 4, 5));
+    // Threads take the queue from its front, so the k-th task to finish is at most task k + cap:
+    // with one thread the order is exact, whatever the interleaving.
+    for (std::size_t k = 0; k < seen.size(); ++k) EXPECT_LE(seen[k], static_cast<int>(k) + cap);
+  }
 }
 
 TEST(ThreadPoolTest, IdleThreadsRetireAndThePoolStartsNewOnes) {
-  bexko::ThreadPool pool(8, 30ms);
   Gate gate;
+  bexko::ThreadPool pool(8, 30ms);
   for (int i = 0; i < 3; ++i) pool.submit([&] { gate.wait(); });
-  ASSERT_TRUE(gate.waitForWaiting(3));
+  EXPECT_TRUE(gate.waitForWaiting(3));
   EXPECT_EQ(pool.threadCount(), 3u);
   gate.open();
   EXPECT_TRUE(eventually([&] { return pool.threadCount() == 0; }));
@@ -138,13 +71,43 @@ TEST(ThreadPoolTest, IdleThreadsRetireAndThePoolStartsNewOnes) {
   EXPECT_TRUE(eventually([&] { return ran.load(); }));
 }
 
+TEST(ThreadPoolTest, DelayedWorkRunsLaterOnAPoolThreadUnlessCancelled) {
+  bexko::ThreadPool pool;
+  std::atomic<bool> cancelledRan{false};
+  auto cancelled = pool.asyncDelay([&] { cancelledRan = true; }, 30ms);
+  cancelled.cancel();
+  EXPECT_TRUE(cancelled.isCanceled());
+
+  const auto start = std::chrono::steady_clock::now();
+  std::chrono::steady_clock::time_point ranAt;
+  std::thread::id ranOn;
+  bool onLoopThread = true;
+  pool.asyncDelay(
+          [&] {
+            ranAt = std::chrono::steady_clock::now();
+            ranOn = std::this_thread::get_id();
+            onLoopThread = ko::getEventLoop()->isInLoopThread();
+          },
+          60ms)
+      .value(longWaitMs);
+  EXPECT_GE(ranAt - start, 60ms);
+  EXPECT_NE(ranOn, std::this_thread::get_id());
+  EXPECT_FALSE(onLoopThread);
+  EXPECT_FALSE(cancelledRan.load());
+
+  auto failing = pool.post([] { throw std::runtime_error("pool task failed"); });
+  EXPECT_EQ(failing.wait(longWaitMs), ko::FutureState::FinishedWithError);
+  EXPECT_EQ(failing.error(), "pool task failed");
+  EXPECT_EQ(pool.post([] {}).wait(longWaitMs), ko::FutureState::FinishedWithValue);
+}
+
 TEST(ThreadPoolTest, ShutdownRunsQueuedWorkThenRefusesMore) {
-  bexko::ThreadPool pool(1);
   Gate gate;
-  Order order;
+  Recorder<> order;
+  bexko::ThreadPool pool(1);
   pool.submit([&] { gate.wait(); });
   pool.submit([&] { order.add(1); });
-  ASSERT_TRUE(gate.waitForWaiting(1));
+  EXPECT_TRUE(gate.waitForWaiting());
   std::thread opener([&] {
     std::this_thread::sleep_for(20ms);
     gate.open();
