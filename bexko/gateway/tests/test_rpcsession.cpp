@@ -1,11 +1,14 @@
 #include <bexko/gateway/rpcsession.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
+#include <future>
 #include <mutex>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -19,6 +22,7 @@ namespace gateway {
 namespace {
 
 using nlohmann::json;
+using ZR::ZRValue;
 
 /// Collects what a session sends, for tests to wait on.
 class Outbox {
@@ -30,35 +34,37 @@ class Outbox {
       changed_.notify_all();
     };
   }
-
   /// The first frame (in arrival order) that `match` accepts, or null after `timeoutMs`.
   json waitFor(const std::function<bool(const json&)>& match, int timeoutMs = 5000) {
     std::unique_lock<std::mutex> lock(mutex_);
     json found;
     changed_.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] {
-      for (const auto& frame : frames_) {
-        if (match(frame)) {
-          found = frame;
-          return true;
-        }
-      }
-      return false;
+      auto it = std::find_if(frames_.begin(), frames_.end(), match);
+      if (it != frames_.end()) found = *it;
+      return it != frames_.end();
     });
     return found;
   }
   json answer(const json& id, int timeoutMs = 5000) {
     return waitFor([&](const json& f) { return f.contains("id") && f["id"] == id; }, timeoutMs);
   }
-  json notification(const std::string& method, int timeoutMs = 5000) {
-    return waitFor([&](const json& f) { return f.value("method", "") == method; }, timeoutMs);
+  /// The params of the first notification of `method` whose params hold `key`: `value`.
+  json notification(const std::string& method, const std::string& key, const json& value) {
+    return waitFor([&](const json& f) {
+      return f.value("method", "") == method && f["params"].value(key, json()) == value;
+    })["params"];
+  }
+  /// The params of every notification of `method` so far.
+  std::vector<json> notifications(const std::string& method) {
+    std::vector<json> found;
+    for (const auto& frame : frames()) {
+      if (frame.value("method", "") == method) found.push_back(frame["params"]);
+    }
+    return found;
   }
   std::vector<json> frames() {
     std::lock_guard<std::mutex> lock(mutex_);
     return frames_;
-  }
-  std::size_t size() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return frames_.size();
   }
 
  private:
@@ -67,33 +73,7 @@ class Outbox {
   std::vector<json> frames_;
 };
 
-/// A latch that a fake method waits on until the test opens it.
-class Gate {
- public:
-  void wait() {
-    std::unique_lock<std::mutex> lock(mutex_);
-    ++waiting_;
-    changed_.notify_all();
-    changed_.wait(lock, [this] { return open_; });
-  }
-  bool waitForWaiters(int count) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::seconds(5), [&] { return waiting_ >= count; });
-  }
-  void open() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    open_ = true;
-    changed_.notify_all();
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  int waiting_ = 0;
-  bool open_ = false;
-};
-
-std::string request(int id, const std::string& method, const json& params) {
+std::string request(const json& id, const std::string& method, const json& params) {
   return json{{"jsonrpc", "2.0"}, {"id", id}, {"method", method}, {"params", params}}.dump();
 }
 
@@ -101,29 +81,29 @@ class RpcSessionTest : public ::testing::Test {
  protected:
   void SetUp() override {
     fake_ = &host_.addFakeModule("ZRFake");
-    fake_->addMethod("echo", 1, [](const std::vector<ZR::ZRValue>& a) { return a[0]; });
-    fake_->addMethod("add", 2, [](const std::vector<ZR::ZRValue>& a) {
-      return ZR::ZRValue(a[0].toInt() + a[1].toInt());
-    });
+    fake_->addMethod("echo", 1, [](const auto& a) { return a[0]; });
+    fake_->addMethod("add", 2, [](const auto& a) { return ZRValue(a[0].toInt() + a[1].toInt()); });
     fake_->addMethod("nothing", 0);
-    fake_->addMethod("fail", 0, [](const std::vector<ZR::ZRValue>&) -> ZR::ZRValue {
+    fake_->addMethod("fail", 0, [](const auto&) -> ZRValue {
       throw ZR::ZRError("ZRFake", "fail", "it failed");
     });
-    fake_->addMethod("boom", 0, [](const std::vector<ZR::ZRValue>&) -> ZR::ZRValue {
-      throw std::runtime_error("boom");
-    });
-    fake_->addMethod("block", 0, [this](const std::vector<ZR::ZRValue>&) {
-      gate_.wait();
-      return ZR::ZRValue("released");
+    fake_->addMethod("boom", 0, [](const auto&) -> ZRValue { throw std::runtime_error("boom"); });
+    fake_->addMethod("block", 0, [this](const auto&) {
+      released_.wait();
+      return ZRValue("released");
     });
     session_ = RpcSession::create(host_.broker(), outbox_.sender(), limits_);
   }
   void TearDown() override {
-    gate_.open();
+    release();
     session_->close();
   }
-
-  json call(int id, const std::string& method, const json& params) {
+  /// Lets every call of "ZRFake.block" return.
+  void release() {
+    if (!isReleased_) release_.set_value();
+    isReleased_ = true;
+  }
+  json call(const json& id, const std::string& method, const json& params) {
     session_->handleText(request(id, method, params));
     return outbox_.answer(id);
   }
@@ -132,272 +112,167 @@ class RpcSessionTest : public ::testing::Test {
   testing::FakeModule* fake_ = nullptr;
   RpcLimits limits_;
   Outbox outbox_;
-  Gate gate_;
+  std::promise<void> release_;
+  std::shared_future<void> released_ = release_.get_future().share();
+  bool isReleased_ = false;
   std::shared_ptr<RpcSession> session_;
 };
 
-TEST_F(RpcSessionTest, CallsReturnTheMethodsResult) {
+TEST_F(RpcSessionTest, CallsByNameAreAnsweredWithTheResultOrTheFailure) {
+  session_->handleText(R"({"jsonrpc":"2.0","method":"ZRFake.nothing"})");  // wants no answer
   EXPECT_EQ(call(1, "ZRFake.echo", {"hi"})["result"], "hi");
   EXPECT_EQ(call(2, "ZRFake.add", {2, 3})["result"], 5);
-  const json nothing = call(3, "ZRFake.nothing", json::array());
-  ASSERT_TRUE(nothing.contains("result"));
-  EXPECT_TRUE(nothing["result"].is_null());
-  EXPECT_EQ(nothing["jsonrpc"], "2.0");
-  EXPECT_EQ(call(4, "ZRFake.echo", json::array({json::array({1, "a", nullptr})}))["result"],
+  EXPECT_EQ(call(3, "ZRFake.nothing", nullptr),
+            json({{"jsonrpc", "2.0"}, {"id", 3}, {"result", nullptr}}));
+  EXPECT_EQ(call("abc", "ZRFake.echo", {{1, "a", nullptr}})["result"],
             json::array({1, "a", nullptr}));
+  EXPECT_EQ(
+      call(5, "ZRFake.fail", nullptr)["error"],
+      json({{"code", rpcerror::CallFailed},
+            {"message", "it failed"},
+            {"data", {{"module", "ZRFake"}, {"method", "fail"}, {"description", "it failed"}}}}));
+  EXPECT_EQ(call(6, "ZRFake.boom", nullptr)["error"],
+            json({{"code", rpcerror::CallFailed}, {"message", "boom"}}));
+  const json modules = call(7, "bexko.modules", nullptr)["result"];
+  EXPECT_NE(std::find(modules.begin(), modules.end(), "ZRMemory"), modules.end());
+  EXPECT_NE(std::find(modules.begin(), modules.end(), "ZRFake"), modules.end());
+  std::vector<std::string> names;
+  const json described = call(8, "bexko.describe", {{"module", "ZRFake"}});
+  for (const auto& method : described["result"]["methods"]) {
+    names.push_back(method["name"]);
+  }
+  EXPECT_EQ(names, (std::vector<std::string>{"echo", "add", "nothing", "fail", "boom", "block"}));
+  EXPECT_EQ(outbox_.frames().size(), 8u);
 }
 
-TEST_F(RpcSessionTest, StringIdsAreEchoed) {
-  session_->handleText(R"({"jsonrpc":"2.0","id":"abc","method":"ZRFake.echo","params":[1]})");
-  EXPECT_EQ(outbox_.answer("abc")["result"], 1);
+TEST_F(RpcSessionTest, EveryBadInputIsAnsweredWithItsErrorAndTheSessionGoesOn) {
+  using namespace rpcerror;
+  struct Case {
+    std::string text;
+    int code;
+    json id;  // of the answer
+  };
+  const std::string deep = std::string(70, '[') + std::string(70, ']');
+  std::vector<Case> cases = {
+      {"not json {", ParseError, nullptr},
+      {R"({"jsonrpc":"2.0","id":1,"method":)", ParseError, nullptr},
+      {R"([{"jsonrpc":"2.0","id":1,"method":"bexko.modules"}])", InvalidRequest, nullptr},
+      {"42", InvalidRequest, nullptr},
+      {R"({"id":1,"method":"ZRFake.echo","params":["x"]})", InvalidRequest, 1},
+      {R"({"jsonrpc":"1.0","id":1,"method":"ZRFake.nothing"})", InvalidRequest, 1},
+      {R"({"jsonrpc":"2.0","id":2,"method":5})", InvalidRequest, 2},
+      {R"({"jsonrpc":"2.0","id":{},"method":"ZRFake.nothing"})", InvalidRequest, nullptr},
+      {deep, InvalidRequest, nullptr},
+      {request(3, "ZRFake.echo", json::parse(deep)), InvalidRequest, nullptr}};
+  // Well-formed requests, answered with their id.
+  for (const auto& bad : std::vector<std::tuple<std::string, json, int>>{
+           {"NoSuch.thing", json::array(), MethodNotFound},
+           {"ZRFake.nope", json::array(), MethodNotFound},
+           {"echo", json::array(), MethodNotFound},
+           {"ZRFake.", json::array(), MethodNotFound},
+           {"bexko.nothing", json::object(), MethodNotFound},
+           {"ZRFake.echo", {{"a", 1}}, InvalidParams},
+           {"ZRFake.echo", {json::object({{"a", 1}})}, InvalidParams},
+           {"ZRFake.echo", {9999999999LL}, InvalidParams},
+           {"ZRFake.echo", {1, 2, 3}, CallFailed},
+           {"ZRFake.add", {"two", 3}, CallFailed},
+           {"bexko.post", json::array(), InvalidParams},
+           {"bexko.post", {{"module", "ZRFake"}, {"method", "nope"}}, MethodNotFound},
+           {"bexko.post", {{"module", "ZRFake"}, {"method", "echo"}, {"args", "x"}}, InvalidParams},
+           {"bexko.stop", {{"module", "ZRFake"}}, InvalidParams},
+           {"bexko.stop", {{"module", "ZRFake"}, {"id", "1"}}, InvalidParams},
+           {"bexko.stop", {{"module", "No"}, {"id", 1}}, CallFailed},
+           {"bexko.describe", {{"module", "No"}}, InvalidParams},
+           {"bexko.subscribe", {{"key", ""}}, InvalidParams},
+           {"bexko.subscribe", {{"key", 3}}, InvalidParams},
+           {"bexko.connect", {{"service", "ZRFake"}, {"signal", "nope"}}, InvalidParams},
+           {"bexko.connect", {{"service", "Nobody"}, {"signal", "x"}}, InvalidParams}}) {
+    cases.push_back({request(7, std::get<0>(bad), std::get<1>(bad)), std::get<2>(bad), 7});
+  }
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.text);
+    Outbox outbox;
+    auto session = RpcSession::create(host_.broker(), outbox.sender(), limits_);
+    session->handleText(c.text);
+    json answer = outbox.waitFor([](const json& f) { return f.contains("error"); });
+    EXPECT_EQ(answer["id"], c.id);
+    EXPECT_EQ(answer["error"]["code"], c.code) << answer.dump();
+    EXPECT_TRUE(answer["error"]["message"].is_string());
+    session->handleText(request(99, "ZRFake.echo", {"still here"}));
+    EXPECT_EQ(outbox.answer(99)["result"], "still here");
+    session->close();
+  }
 }
 
-TEST_F(RpcSessionTest, AZRErrorBecomesAnErrorWithItsModuleMethodAndDescription) {
-  const json answer = call(1, "ZRFake.fail", json::array());
-  ASSERT_TRUE(answer.contains("error"));
-  EXPECT_EQ(answer["error"]["code"], rpcerror::CallFailed);
-  EXPECT_EQ(answer["error"]["message"], "it failed");
-  EXPECT_EQ(answer["error"]["data"]["module"], "ZRFake");
-  EXPECT_EQ(answer["error"]["data"]["method"], "fail");
-  EXPECT_EQ(answer["error"]["data"]["description"], "it failed");
-}
-
-TEST_F(RpcSessionTest, AnyOtherExceptionBecomesAnErrorWithItsText) {
-  const json answer = call(1, "ZRFake.boom", json::array());
-  EXPECT_EQ(answer["error"]["code"], rpcerror::CallFailed);
-  EXPECT_EQ(answer["error"]["message"], "boom");
-}
-
-struct BadRequest {
-  const char* name;
-  std::string text;
-  json id;
-  int code;
-};
-
-class RpcSessionBadRequest : public RpcSessionTest,
-                             public ::testing::WithParamInterface<BadRequest> {};
-
-TEST_P(RpcSessionBadRequest, IsAnsweredWithAnErrorAndTheSessionGoesOn) {
-  const auto& bad = GetParam();
-  session_->handleText(bad.text);
-  const json answer = outbox_.waitFor([](const json& f) { return f.contains("error"); });
-  ASSERT_FALSE(answer.is_null()) << "no error answer to " << bad.text;
-  EXPECT_EQ(answer["id"], bad.id);
-  EXPECT_EQ(answer["error"]["code"], bad.code) << answer.dump();
-  EXPECT_TRUE(answer["error"]["message"].is_string());
-  EXPECT_EQ(call(99, "ZRFake.echo", {"still here"})["result"], "still here");
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Frames, RpcSessionBadRequest,
-    ::testing::Values(
-        BadRequest{"NotJson", "not json {", nullptr, rpcerror::ParseError},
-        BadRequest{"Truncated", R"({"jsonrpc":"2.0","id":1,"method":)", nullptr,
-                   rpcerror::ParseError},
-        BadRequest{"Batch", R"([{"jsonrpc":"2.0","id":1,"method":"bexko.modules"}])", nullptr,
-                   rpcerror::InvalidRequest},
-        BadRequest{"Scalar", "42", nullptr, rpcerror::InvalidRequest},
-        BadRequest{"NoVersion", R"({"id":1,"method":"ZRFake.echo","params":["x"]})", 1,
-                   rpcerror::InvalidRequest},
-        BadRequest{"WrongVersion", R"({"jsonrpc":"1.0","id":1,"method":"ZRFake.nothing"})", 1,
-                   rpcerror::InvalidRequest},
-        BadRequest{"MethodNotString", R"({"jsonrpc":"2.0","id":2,"method":5})", 2,
-                   rpcerror::InvalidRequest},
-        BadRequest{"ObjectId", R"({"jsonrpc":"2.0","id":{},"method":"ZRFake.nothing"})", nullptr,
-                   rpcerror::InvalidRequest},
-        BadRequest{"DeepNesting", std::string(100, '[') + std::string(100, ']'), nullptr,
-                   rpcerror::InvalidRequest},
-        BadRequest{"DeepParams",
-                   R"({"jsonrpc":"2.0","id":3,"method":"ZRFake.echo","params":)" +
-                       std::string(70, '[') + std::string(70, ']') + "}",
-                   nullptr, rpcerror::InvalidRequest},
-        BadRequest{"UnknownModule", request(3, "NoSuch.thing", json::array()), 3,
-                   rpcerror::MethodNotFound},
-        BadRequest{"UnknownMethod", request(4, "ZRFake.nope", json::array()), 4,
-                   rpcerror::MethodNotFound},
-        BadRequest{"NoDot", request(5, "echo", json::array()), 5, rpcerror::MethodNotFound},
-        BadRequest{"TrailingDot", request(5, "ZRFake.", json::array()), 5,
-                   rpcerror::MethodNotFound},
-        BadRequest{"UnknownHostOperation", request(6, "bexko.nothing", json::object()), 6,
-                   rpcerror::MethodNotFound},
-        BadRequest{"ParamsObject", request(7, "ZRFake.echo", {{"a", 1}}), 7,
-                   rpcerror::InvalidParams},
-        BadRequest{"ObjectArgument", request(8, "ZRFake.echo", {json::object({{"a", 1}})}), 8,
-                   rpcerror::InvalidParams},
-        BadRequest{"IntOutOfRange", request(9, "ZRFake.echo", {9999999999LL}), 9,
-                   rpcerror::InvalidParams},
-        BadRequest{"WrongArgumentCount", request(10, "ZRFake.echo", {1, 2, 3}), 10,
-                   rpcerror::CallFailed},
-        BadRequest{"WrongArgumentType", request(11, "ZRFake.add", {"two", 3}), 11,
-                   rpcerror::CallFailed},
-        BadRequest{"PostWithoutModule", request(12, "bexko.post", json::array()), 12,
-                   rpcerror::InvalidParams},
-        BadRequest{"PostUnknownMethod",
-                   request(13, "bexko.post", {{"module", "ZRFake"}, {"method", "nope"}}), 13,
-                   rpcerror::MethodNotFound},
-        BadRequest{
-            "PostArgsNotArray",
-            request(14, "bexko.post", {{"module", "ZRFake"}, {"method", "echo"}, {"args", "x"}}),
-            14, rpcerror::InvalidParams},
-        BadRequest{"StopWithoutId", request(15, "bexko.stop", {{"module", "ZRFake"}}), 15,
-                   rpcerror::InvalidParams},
-        BadRequest{"StopIdNotInteger",
-                   request(16, "bexko.stop", {{"module", "ZRFake"}, {"id", "1"}}), 16,
-                   rpcerror::InvalidParams},
-        BadRequest{"StopUnknownModule", request(17, "bexko.stop", {{"module", "No"}, {"id", 1}}),
-                   17, rpcerror::CallFailed},
-        BadRequest{"DescribeUnknownModule", request(18, "bexko.describe", {{"module", "No"}}), 18,
-                   rpcerror::InvalidParams},
-        BadRequest{"SubscribeEmptyKey", request(19, "bexko.subscribe", {{"key", ""}}), 19,
-                   rpcerror::InvalidParams},
-        BadRequest{"SubscribeKeyNotString", request(20, "bexko.subscribe", {{"key", 3}}), 20,
-                   rpcerror::InvalidParams},
-        BadRequest{"ConnectUnknownSignal",
-                   request(21, "bexko.connect", {{"service", "ZRFake"}, {"signal", "nope"}}), 21,
-                   rpcerror::InvalidParams},
-        BadRequest{"ConnectUnknownService",
-                   request(22, "bexko.connect", {{"service", "Nobody"}, {"signal", "x"}}), 22,
-                   rpcerror::InvalidParams}),
-    [](const auto& info) { return std::string(info.param.name); });
-
-TEST_F(RpcSessionTest, ANotificationRunsWithoutAnAnswer) {
-  session_->handleText(R"({"jsonrpc":"2.0","method":"ZRFake.echo","params":["quiet"]})");
-  ASSERT_TRUE(fake_->waitForCalls("echo", 1, 5000));
-  EXPECT_EQ(call(1, "ZRFake.nothing", json::array())["id"], 1);
-  for (const auto& frame : outbox_.frames()) EXPECT_EQ(frame["id"], 1) << frame.dump();
-}
-
-TEST_F(RpcSessionTest, CallsOfOneConnectionRunConcurrently) {
-  session_->handleText(request(1, "ZRFake.block", json::array()));
-  ASSERT_TRUE(gate_.waitForWaiters(1));
-  EXPECT_EQ(call(2, "ZRFake.echo", {"later"})["result"], "later");
-  EXPECT_TRUE(outbox_.answer(1, 0).is_null());
-  gate_.open();
-  EXPECT_EQ(outbox_.answer(1)["result"], "released");
-}
-
-TEST_F(RpcSessionTest, TooManyCallsInProgressAreRefused) {
+TEST_F(RpcSessionTest, CallsRunConcurrentlyUpToTheLimit) {
   limits_.maxCallsInFlight = 2;
   session_ = RpcSession::create(host_.broker(), outbox_.sender(), limits_);
   session_->handleText(request(1, "ZRFake.block", json::array()));
-  session_->handleText(request(2, "ZRFake.block", json::array()));
-  ASSERT_TRUE(gate_.waitForWaiters(2));
-  EXPECT_EQ(call(3, "ZRFake.echo", {1})["error"]["code"], rpcerror::TooManyCalls);
-  gate_.open();
+  ASSERT_TRUE(fake_->waitForCalls("block", 1, 5000));
+  EXPECT_EQ(call(2, "ZRFake.echo", {"later"})["result"], "later");
+  session_->handleText(request(3, "ZRFake.block", json::array()));
+  ASSERT_TRUE(fake_->waitForCalls("block", 2, 5000));
+  EXPECT_EQ(call(4, "ZRFake.echo", {1})["error"]["code"], rpcerror::TooManyCalls);
+  EXPECT_TRUE(outbox_.answer(1, 0).is_null());
+  release();
   EXPECT_EQ(outbox_.answer(1)["result"], "released");
-  EXPECT_EQ(outbox_.answer(2)["result"], "released");
-  EXPECT_EQ(call(4, "ZRFake.echo", {1})["result"], 1);
+  EXPECT_EQ(outbox_.answer(3)["result"], "released");
+  EXPECT_EQ(call(5, "ZRFake.echo", {1})["result"], 1);
   EXPECT_EQ(session_->callsInFlight(), 0u);
 }
 
-TEST_F(RpcSessionTest, APostIsAnsweredWithItsIdBeforeItsEndIsNotified) {
-  const json answer =
-      call(1, "bexko.post", {{"module", "ZRFake"}, {"method", "add"}, {"args", {1, 2}}});
-  ASSERT_TRUE(answer["result"]["id"].is_number_integer()) << answer.dump();
-  const int id = answer["result"]["id"];
-  const json done = outbox_.notification("bexko.done");
-  EXPECT_EQ(done["params"]["id"], id);
-  EXPECT_EQ(done["params"]["result"], 3);
-  const auto frames = outbox_.frames();
-  ASSERT_EQ(frames.size(), 2u);
-  EXPECT_EQ(frames[0]["id"], 1);
+TEST_F(RpcSessionTest, APostedCallIsAnsweredWithItsIdBeforeItsEndIsNotified) {
+  const json added =
+      call(1, "bexko.post", {{"module", "ZRFake"}, {"method", "add"}, {"args", {1, 2}}})["result"];
+  ASSERT_TRUE(added["id"].is_number_integer()) << added.dump();
+  EXPECT_EQ(outbox_.notification("bexko.done", "id", added["id"]),
+            json({{"id", added["id"]}, {"result", 3}}));
+  EXPECT_EQ(outbox_.frames().size(), 2u);
+  EXPECT_EQ(outbox_.frames()[0]["id"], 1);
+
+  const json failed = call(2, "bexko.post", {{"module", "ZRFake"}, {"method", "fail"}})["result"];
+  const json error = outbox_.notification("bexko.done", "id", failed["id"])["error"];
+  EXPECT_EQ(error["message"], "it failed");
+  EXPECT_EQ(error["data"]["module"], "ZRFake");
+  EXPECT_EQ(call(3, "bexko.stop", {{"module", "ZRFake"}, {"id", 12}}),
+            json({{"jsonrpc", "2.0"}, {"id", 3}, {"result", nullptr}}));
 }
 
-TEST_F(RpcSessionTest, AFailedPostNotifiesItsError) {
-  const int id = call(1, "bexko.post", {{"module", "ZRFake"}, {"method", "fail"}})["result"]["id"];
-  const json done = outbox_.notification("bexko.done");
-  EXPECT_EQ(done["params"]["id"], id);
-  EXPECT_EQ(done["params"]["error"]["message"], "it failed");
-  EXPECT_EQ(done["params"]["error"]["data"]["module"], "ZRFake");
-}
-
-TEST_F(RpcSessionTest, StopOfAKnownModuleIsAnsweredWithNull) {
-  const json answer = call(1, "bexko.stop", {{"module", "ZRFake"}, {"id", 12}});
-  ASSERT_TRUE(answer.contains("result")) << answer.dump();
-  EXPECT_TRUE(answer["result"].is_null());
-}
-
-TEST_F(RpcSessionTest, ModulesAndDescribeShowTheHost) {
-  const json modules = call(1, "bexko.modules", nullptr)["result"];
-  EXPECT_NE(std::find(modules.begin(), modules.end(), "ZRMemory"), modules.end());
-  EXPECT_NE(std::find(modules.begin(), modules.end(), "ZRFake"), modules.end());
-  const json info = call(2, "bexko.describe", {{"module", "ZRFake"}})["result"];
-  EXPECT_EQ(info["name"], "ZRFake");
-  std::vector<std::string> names;
-  for (const auto& method : info["methods"]) names.push_back(method["name"]);
-  EXPECT_EQ(names, (std::vector<std::string>{"echo", "add", "nothing", "fail", "boom", "block"}));
-}
-
-class RpcSessionEvents : public RpcSessionTest {
- protected:
-  std::size_t eventsFor(const std::string& key) {
-    std::size_t count = 0;
-    for (const auto& frame : outbox_.frames()) {
-      if (frame.value("method", "") == "bexko.event" && frame["params"]["key"] == key) ++count;
-    }
-    return count;
-  }
-};
-
-TEST_F(RpcSessionEvents, ASubscribedKeyIsNotifiedOnEveryRaise) {
-  EXPECT_TRUE(call(1, "bexko.subscribe", {{"key", "Test/Key"}})["result"].is_null());
-  auto& memory = *host_.services().memory;
-  memory.raiseEvent("Test/Key", ZR::ZRValue::array<int, std::string>(4, "done"));
-  memory.raiseEvent("Test/Other", ZR::ZRValue(1));
-  const json event = outbox_.notification("bexko.event");
-  EXPECT_EQ(event["params"]["key"], "Test/Key");
-  EXPECT_EQ(event["params"]["value"], json::array({4, "done"}));
-  EXPECT_EQ(eventsFor("Test/Other"), 0u);
-}
-
-TEST_F(RpcSessionEvents, SubscribingTwiceDeliversOnce) {
-  call(1, "bexko.subscribe", {{"key", "Test/Key"}});
-  call(2, "bexko.subscribe", {{"key", "Test/Key"}});
-  host_.services().memory->raiseEvent("Test/Key", ZR::ZRValue(1));
-  ASSERT_FALSE(outbox_.notification("bexko.event").is_null());
-  EXPECT_EQ(eventsFor("Test/Key"), 1u);
-}
-
-TEST_F(RpcSessionEvents, UnsubscribeAndCloseStopTheNotifications) {
-  call(1, "bexko.subscribe", {{"key", "Test/Key"}});
-  call(2, "bexko.unsubscribe", {{"key", "Test/Key"}});
-  host_.services().memory->raiseEvent("Test/Key", ZR::ZRValue(1));
-  EXPECT_EQ(eventsFor("Test/Key"), 0u);
-
-  call(3, "bexko.subscribe", {{"key", "Test/Key"}});
-  session_->close();
-  const std::size_t before = outbox_.size();
-  host_.services().memory->raiseEvent("Test/Key", ZR::ZRValue(2));
-  EXPECT_EQ(outbox_.size(), before);
-  EXPECT_FALSE(session_->isOpen());
-}
-
-TEST_F(RpcSessionEvents, AModuleSignalIsForwardedWithItsArguments) {
+TEST_F(RpcSessionTest, SubscribedKeysAndConnectedSignalsAreNotifiedUntilUndoneOrClosed) {
   ko::Signal<std::string> changed;
   fake_->objectBuilder().advertiseSignal("changed", changed);
-  EXPECT_TRUE(
-      call(1, "bexko.connect", {{"service", "ZRFake"}, {"signal", "changed"}})["result"].is_null());
-  changed("French");
-  const json signal = outbox_.notification("bexko.signal");
-  EXPECT_EQ(signal["params"]["service"], "ZRFake");
-  EXPECT_EQ(signal["params"]["signal"], "changed");
-  EXPECT_EQ(signal["params"]["args"], json::array({"French"}));
-
-  call(2, "bexko.disconnect", {{"service", "ZRFake"}, {"signal", "changed"}});
-  EXPECT_FALSE(changed.hasSubscribers());
-}
-
-TEST_F(RpcSessionEvents, ASessionServiceSignalIsForwarded) {
-  auto object = std::make_shared<ko::GenericObject>("Watcher");
+  auto watcher = std::make_shared<ko::GenericObject>("Watcher");  // a service of the session
   ko::Signal<int, std::string> seen;
-  object->advertiseSignal("seen", &seen);
-  host_.broker()->session()->registerService("Watcher", ko::Object(object));
-  call(1, "bexko.connect", {{"service", "Watcher"}, {"signal", "seen"}});
+  watcher->advertiseSignal("seen", &seen);
+  host_.broker()->session()->registerService("Watcher", ko::Object(watcher));
+  auto& memory = *host_.services().memory;
+
+  EXPECT_TRUE(call(1, "bexko.subscribe", {{"key", "Test/Key"}})["result"].is_null());
+  call(2, "bexko.subscribe", {{"key", "Test/Key"}});  // again: still one notification a raise
+  EXPECT_TRUE(
+      call(3, "bexko.connect", {{"service", "ZRFake"}, {"signal", "changed"}})["result"].is_null());
+  call(4, "bexko.connect", {{"service", "Watcher"}, {"signal", "seen"}});
+  memory.raiseEvent("Test/Key", ZRValue::array<int, std::string>(4, "done"));
+  memory.raiseEvent("Test/Other", ZRValue(1));
+  changed("French");
   seen(7, "seven");
-  EXPECT_EQ(outbox_.notification("bexko.signal")["params"]["args"], json::array({7, "seven"}));
+  EXPECT_EQ(outbox_.notifications("bexko.event"),
+            std::vector<json>{json({{"key", "Test/Key"}, {"value", {4, "done"}}})});
+  EXPECT_EQ(outbox_.notification("bexko.signal", "service", "ZRFake"),
+            json({{"service", "ZRFake"}, {"signal", "changed"}, {"args", {"French"}}}));
+  EXPECT_EQ(outbox_.notification("bexko.signal", "service", "Watcher")["args"],
+            json::array({7, "seven"}));
+
+  call(5, "bexko.unsubscribe", {{"key", "Test/Key"}});
+  memory.raiseEvent("Test/Key", ZRValue(2));
+  call(6, "bexko.disconnect", {{"service", "ZRFake"}, {"signal", "changed"}});
+  EXPECT_FALSE(changed.hasSubscribers());
+  call(7, "bexko.subscribe", {{"key", "Test/Other"}});
   session_->close();
+  EXPECT_FALSE(session_->isOpen());
   EXPECT_FALSE(seen.hasSubscribers());
+  memory.raiseEvent("Test/Other", ZRValue(3));
+  EXPECT_EQ(outbox_.notifications("bexko.event").size(), 1u);
   host_.broker()->session()->unregisterService("Watcher");
 }
 
