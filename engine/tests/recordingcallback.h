@@ -1,8 +1,11 @@
 #pragma once
 
+#include <algorithm>
 #include <chrono>
-#include <condition_variable>
+#include <functional>
+#include <iterator>
 #include <mutex>
+#include <thread>
 #include <vector>
 
 #include <zr/tts/texttospeechenginecallbackinterface.h>
@@ -21,31 +24,30 @@ class RecordingCallback : public TextToSpeechEngineCallbackInterface {
     unsigned long long audioBytesBefore;  // 16-bit samples delivered before the event, in bytes
   };
 
-  void TTSCallBack(short* samples, unsigned int count) override {
+  void TTSCallBack(short*, unsigned int count) override {
     std::lock_guard<std::mutex> lock(mutex_);
-    audioBytes_ += static_cast<unsigned long long>(count) * sizeof(short);
-    ++blocks_;
-    if (count * sizeof(short) > largestBlockBytes_) largestBlockBytes_ = count * sizeof(short);
-    changed_.notify_all();
+    audioBytes_ += count * sizeof(short);
+    largestBlockBytes_ = std::max<unsigned long long>(largestBlockBytes_, count * sizeof(short));
   }
   void TTSEventCallBack(ZR::TextToSpeechEngineEvent event, int value,
                         unsigned int position) override {
     std::lock_guard<std::mutex> lock(mutex_);
     events_.push_back(Event{event, value, position, audioBytes_});
-    changed_.notify_all();
   }
 
-  std::vector<Event> events() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return events_;
-  }
-  std::vector<Event> events(ZR::TextToSpeechEngineEvent type) const {
+  /// The events recorded so far: all of them (type -1) or those of one type.
+  std::vector<Event> events(int type = -1) const {
     std::lock_guard<std::mutex> lock(mutex_);
     std::vector<Event> selected;
-    for (const Event& e : events_) {
-      if (e.event == type) selected.push_back(e);
-    }
+    std::copy_if(events_.begin(), events_.end(), std::back_inserter(selected),
+                 [&](const Event& e) { return type < 0 || e.event == type; });
     return selected;
+  }
+  /// The values of the events of one type (word indexes, mark numbers), in order.
+  std::vector<int> values(ZR::TextToSpeechEngineEvent type) const {
+    std::vector<int> values;
+    for (const Event& e : events(type)) values.push_back(e.value);
+    return values;
   }
   unsigned long long audioBytes() const {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -56,38 +58,23 @@ class RecordingCallback : public TextToSpeechEngineCallbackInterface {
     std::lock_guard<std::mutex> lock(mutex_);
     return largestBlockBytes_;
   }
-  int blocks() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return blocks_;
-  }
-  /// Waits until at least `count` events have been recorded.
-  bool waitForEvents(std::size_t count, int timeoutMs) const {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::milliseconds(timeoutMs),
-                             [&] { return events_.size() >= count; });
-  }
-  /// Waits until some audio has been delivered.
-  bool waitForAudio(int timeoutMs) const {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::milliseconds(timeoutMs),
-                             [&] { return audioBytes_ > 0; });
-  }
-  void clear() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    events_.clear();
-    audioBytes_ = 0;
-    blocks_ = 0;
-    largestBlockBytes_ = 0;
-  }
 
  private:
   mutable std::mutex mutex_;
-  mutable std::condition_variable changed_;
   std::vector<Event> events_;
   unsigned long long audioBytes_ = 0;
   unsigned long long largestBlockBytes_ = 0;
-  int blocks_ = 0;
 };
+
+/// Polls `condition` until it holds (true) or `timeoutMs` has passed (false).
+inline bool eventually(const std::function<bool()>& condition, int timeoutMs) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return true;
+}
 
 }  // namespace testing
 }  // namespace engine
