@@ -1,67 +1,41 @@
 #include <zr/zrtexttospeech.h>
 
-#include <algorithm>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
-
 #include "settingsfixture.h"
 
+namespace bexko::testing {
 namespace {
 
-using bexko::testing::ScriptedServiceTest;
-using bexko::testing::serviceLogs;
+using ::testing::HasSubstr;
 
-class DictionaryTest : public ScriptedServiceTest {};
+class DictionaryTest : public ScriptedServiceTest {
+ protected:
+  // The manager reports its dictionary in one summary record, then one record per entry.
+  std::string shownSummary() {
+    host.clearLogs();
+    tts->showDictionary();
+    for (const ko::log::Record& record : host.logRecords()) {
+      if (record.function == "showDictionary") return record.message;
+    }
+    return "(nothing shown)";
+  }
+};
 
-TEST_F(DictionaryTest, TwoStringFormReplacesATextAndOneStringDeleteFindsIt) {
+TEST_F(DictionaryTest, BothFormsAddAndDeleteAndUnloadLoadAndShowReachTheManager) {
   host.clearLogs();
   EXPECT_TRUE(tts->addToDictionary("robot", "row bot"));
-  EXPECT_EQ(serviceLogs(host, "addToDictionary", ko::log::info),
-            std::vector<std::string>{"Add to Nuance dictionary robot to replace by row bot"});
+  EXPECT_THAT(logs("addToDictionary", ko::log::info),
+              ElementsAre("Add to Nuance dictionary robot to replace by row bot"));
+  EXPECT_THAT(shownSummary(), HasSubstr("1 entries"));
+  tts->unloadDictionary();
+  EXPECT_THAT(shownSummary(), HasSubstr("(none loaded)"));
+  tts->loadDictionary();
+  EXPECT_THAT(shownSummary(), HasSubstr("1 entries"));
   // The one-argument delete names the word second, with no type.
   EXPECT_TRUE(tts->deleteFromDictionary("robot"));
   EXPECT_FALSE(tts->deleteFromDictionary("robot"));
-}
-
-TEST_F(DictionaryTest, FiveStringFormIsLoggedAsTheJapaneseDictionary) {
-  host.clearLogs();
-  tts->addToDictionary("noun", "robot", "1", "ロボット", "0");
-  EXPECT_EQ(serviceLogs(host, "addToDictionary", ko::log::info),
-            std::vector<std::string>{"Add to japanese dictionary"});
+  EXPECT_TRUE(tts->addToDictionary("noun", "robot", "1", "ロボット", "0"));
+  EXPECT_THAT(logs("addToDictionary", ko::log::info), ElementsAre("Add to japanese dictionary"));
   EXPECT_TRUE(tts->deleteFromDictionary("noun", "robot"));
-}
-
-// The manager reports its dictionary in one summary record, then one record per entry.
-std::vector<std::string> dictionaryRecords(const bexko::testing::TestHost& host) {
-  std::vector<std::string> texts;
-  for (const ko::log::Record& record : host.logRecords()) {
-    if (record.function == "showDictionary") texts.push_back(record.message);
-  }
-  return texts;
-}
-
-TEST_F(DictionaryTest, UnloadLoadAndShowReachTheManager) {
-  tts->addToDictionary("robot", "row bot");
-  host.clearLogs();
-  tts->showDictionary();
-  const std::vector<std::string> loaded = dictionaryRecords(host);
-  ASSERT_FALSE(loaded.empty());
-  EXPECT_NE(loaded.front().find("1 entries"), std::string::npos) << loaded.front();
-
-  tts->unloadDictionary();
-  host.clearLogs();
-  tts->showDictionary();
-  ASSERT_FALSE(dictionaryRecords(host).empty());
-  EXPECT_NE(dictionaryRecords(host).front().find("(none loaded)"), std::string::npos);
-
-  tts->loadDictionary();
-  host.clearLogs();
-  tts->showDictionary();
-  ASSERT_FALSE(dictionaryRecords(host).empty());
-  EXPECT_NE(dictionaryRecords(host).front().find("1 entries"), std::string::npos)
-      << dictionaryRecords(host).front();
 }
 
 class DiagnosisTest : public ScriptedServiceTest {
@@ -69,40 +43,33 @@ class DiagnosisTest : public ScriptedServiceTest {
   void TearDown() override { ko::log::setLevels("*=debug"); }
 };
 
-TEST_F(DiagnosisTest, LogsTheStateThenTheVoiceSettings) {
+TEST_F(DiagnosisTest, LogsTheStateThenTheAppliedAndTheRequestedSettingOneRecordPerLine) {
   tts->setVoice("Julie");
+  tts->xSetVoiceSetting(ZR::VoiceSetting(ZR::LANGUAGE, "French"));
+  tts->setParameter("doubleVoiceTimeShift", 1.0f / 3.0f);
   host.clearLogs();
   tts->diagnosis();
-  EXPECT_EQ(serviceLogs(host, "diagnosis", ko::log::info),
-            (std::vector<std::string>{"TTS Diagnosis :", "- current voice setting : ",
-                                      "- language : French", "- current language : English",
-                                      "- isPaused : 0", "- nb tasks (sentences to say) : 0"}));
-  const std::vector<std::string> settings = serviceLogs(host, "printVoiceSettings", ko::log::info);
-  ASSERT_FALSE(settings.empty());
-  EXPECT_EQ(settings.front(), "Current voice settings:");
-  EXPECT_NE(std::find(settings.begin(), settings.end(), "Global voice settings:"), settings.end());
-  EXPECT_NE(std::find(settings.begin(), settings.end(), "- value Julie"), settings.end());
-
+  EXPECT_THAT(logs("diagnosis", ko::log::info),
+              ElementsAre("TTS Diagnosis :", "- current voice setting : French",
+                          "- language : French", "- current language : French", "- isPaused : 0",
+                          "- nb tasks (sentences to say) : 0"));
+  const std::vector<std::string> settings = logs("printVoiceSettings", ko::log::info);
+  EXPECT_THAT(settings,
+              ::testing::ElementsAreArray(
+                  {"Current voice settings:", "- type 0 (0 = LANGUAGE, 1=VOICE, 2=UNDEFINED)",
+                   "- value French", "- defaultVoiceSpeed = 100", "- doubleVoice = 0",
+                   "- doubleVoiceLevel = 0", "- doubleVoiceTimeShift = 0.333333",
+                   "- pitchShift = 0", "- voiceLevel = 1", "Global voice settings:",
+                   "- type 1 (0 = LANGUAGE, 1=VOICE, 2=UNDEFINED)", "- value Julie",
+                   "- defaultVoiceSpeed = 100", "- doubleVoice = 0", "- doubleVoiceLevel = 0",
+                   "- doubleVoiceTimeShift = 0.333333", "- pitchShift = 0", "- voiceLevel = 1"}));
   // The records of the diagnosis come before those of the settings.
-  const auto records = host.logRecords("audio.zrtexttospeech.main");
-  ASSERT_FALSE(records.empty());
+  const std::vector<ko::log::Record> records = host.logRecords(kServiceCategory);
   EXPECT_EQ(records.front().function, "diagnosis");
   EXPECT_EQ(records.back().function, "printVoiceSettings");
-}
-
-TEST_F(DiagnosisTest, ShowVoiceSettingsDumpsTheAppliedThenTheRequestedSetting) {
   host.clearLogs();
   tts->showVoiceSettings();
-  const std::vector<std::string> lines = serviceLogs(host, "printVoiceSettings", ko::log::info);
-  // Before the first sentence nothing was applied: an undefined setting with the six defaults.
-  ASSERT_EQ(lines.size(), 18u);
-  EXPECT_EQ(lines[0], "Current voice settings:");
-  EXPECT_EQ(lines[1], "- type 2 (0 = LANGUAGE, 1=VOICE, 2=UNDEFINED)");
-  EXPECT_EQ(lines[2], "- value ");
-  EXPECT_EQ(lines[3], "- defaultVoiceSpeed = 100");
-  EXPECT_EQ(lines[9], "Global voice settings:");
-  EXPECT_EQ(lines[10], "- type 1 (0 = LANGUAGE, 1=VOICE, 2=UNDEFINED)");
-  EXPECT_EQ(lines[11], "- value Kenny");
+  EXPECT_EQ(logs("printVoiceSettings", ko::log::info), settings);
 }
 
 TEST_F(DiagnosisTest, WritesNothingWhenInfoIsDisabled) {
@@ -110,23 +77,10 @@ TEST_F(DiagnosisTest, WritesNothingWhenInfoIsDisabled) {
   host.clearLogs();
   backend.clearCalls();
   tts->diagnosis();
-  EXPECT_TRUE(host.logRecords("audio.zrtexttospeech.main").empty());
+  EXPECT_TRUE(host.logRecords(kServiceCategory).empty());
   // No engine query is made for a record that is not written.
   EXPECT_TRUE(backend.calls("isPaused").empty());
 }
 
-class UndefinedDiagnosisTest : public ScriptedServiceTest {
- protected:
-  UndefinedDiagnosisTest() { chosenLanguage = ZR::ZRValue(); }
-};
-
-TEST_F(UndefinedDiagnosisTest, AnUndefinedRequestedSettingReportsAnEmptyLanguage) {
-  ASSERT_EQ(tts->globalSetting().type, ZR::UNDEFINED);
-  host.clearLogs();
-  tts->diagnosis();
-  const std::vector<std::string> lines = serviceLogs(host, "diagnosis", ko::log::info);
-  ASSERT_EQ(lines.size(), 6u);
-  EXPECT_EQ(lines[2], "- language : ");
-}
-
 }  // namespace
+}  // namespace bexko::testing

@@ -1,168 +1,74 @@
-// What the service makes of the engine's callbacks: word events, unknown codes, the end of a
-// sentence, trimming of quiet audio and the tags-only test.
+// What the service makes of the engine's callbacks outside a sentence, the end of a sentence,
+// trimming of quiet audio and the tags-only test. Word events within a sentence are shown with it
+// (test_speechtasks.cpp).
 #include <zr/zrtexttospeech.h>
-
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "speechfixture.h"
 
-namespace bexko {
-namespace testing {
+namespace bexko::testing {
 namespace {
 
-using ZR::TTS_EVENT_WORD;
-
-// --- keepOnlyAudibleSamples ------------------------------------------------------------------
-
-struct AudibleCase {
-  const char* name;
-  std::vector<short> samples;
-  int count;  // the count given; -1 in `samples`' size means "use the block size"
-  int expectedCount;
-  bool expectedResult;
-};
-
-std::vector<short> block(int loud, int quietTail, short loudValue = 5000, short quietValue = 0) {
-  std::vector<short> samples(loud, loudValue);
-  samples.insert(samples.end(), quietTail, quietValue);
-  return samples;
-}
-
-class KeepOnlyAudibleSamplesTest : public SpeechServiceTest,
-                                   public ::testing::WithParamInterface<AudibleCase> {};
-
-TEST_P(KeepOnlyAudibleSamplesTest, TrimsOnlyALongEnoughQuietTail) {
-  const AudibleCase& c = GetParam();
-  int count = c.count;
-  const bool result = tts->keepOnlyAudibleSamples(c.samples.data(), count);
-  EXPECT_EQ(count, c.expectedCount);
-  EXPECT_EQ(result, c.expectedResult);
-}
-
-std::vector<short> innerSilence() {
-  std::vector<short> samples = block(100, 300);  // quiet inside...
-  samples.push_back(4000);                       // ...then loud at the very end
-  return samples;
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Blocks, KeepOnlyAudibleSamplesTest,
-    ::testing::Values(
-        AudibleCase{"QuietTailOf250IsCut", block(750, 250), 1000, 750, true},
-        AudibleCase{"QuietTailOf150IsKept", block(850, 150), 1000, 1000, true},
-        AudibleCase{"QuietTailOfExactlyMinSizeIsCut", block(800, 200), 1000, 800, true},
-        AudibleCase{"MaxLevelItselfIsQuiet", block(700, 300, 5000, 1000), 1000, 700, true},
-        AudibleCase{"NegativeMaxLevelIsQuiet", block(700, 300, 5000, -1000), 1000, 700, true},
-        AudibleCase{"MaxLevelPlusOneIsLoud", block(0, 1000, 0, 1001), 1000, 1000, true},
-        AudibleCase{"MostNegativeSampleIsLoud", block(0, 1000, 0, -32768), 1000, 1000, true},
-        AudibleCase{"ShortAllQuietBlockBecomesEmpty", block(0, 100), 100, 0, true},
-        AudibleCase{"ShortBlockKeepsAQuietTailAfterSound", block(20, 80), 100, 100, true},
-        AudibleCase{"InnerSilenceIsKept", innerSilence(), 401, 401, true},
-        AudibleCase{"ZeroCountStaysZero", {}, 0, 0, true},
-        AudibleCase{"NegativeCountIsRefusedUnchanged", {}, -4, -4, false}),
-    [](const ::testing::TestParamInfo<AudibleCase>& info) { return info.param.name; });
-
-// --- Engine events ---------------------------------------------------------------------------
+using ::testing::ElementsAre;
+using ::testing::Field;
 
 using EngineEventTest = SpeechServiceTest;
 
-TEST_F(EngineEventTest, UnknownCodeIsLoggedAndChangesNothing) {
+TEST_F(EngineEventTest, KeepOnlyAudibleSamplesTrimsOnlyALongEnoughQuietTail) {
+  // Each row {n1, v1, n2, v2, kept}: n1 samples of v1, then n2 of v2, and how many are kept. Quiet
+  // is at most 1000 either way; a quiet tail is cut from 200 samples on, or when it is the whole of
+  // a shorter block. So: a tail of 199 is kept, one of 200 cut; 1000 and -1000 are quiet, 1001 and
+  // -32768 loud; a short block quiet all through is emptied, a short one keeps its tail after
+  // sound; quiet inside is kept; an empty block stays empty.
+  const int rows[][5] = {{801, 5000, 199, 0, 1000},   {800, 5000, 200, 0, 800},
+                         {700, 5000, 300, 1000, 700}, {700, 5000, 300, -1000, 700},
+                         {0, 0, 1000, 1001, 1000},    {0, 0, 1000, -32768, 1000},
+                         {0, 0, 100, 0, 0},           {20, 5000, 80, 0, 100},
+                         {300, 0, 1, 4000, 301},      {0, 0, 0, 0, 0}};
+  for (const auto& row : rows) {
+    std::vector<short> block(row[0], static_cast<short>(row[1]));
+    block.insert(block.end(), row[2], static_cast<short>(row[3]));
+    int count = row[0] + row[2];
+    tts->keepOnlyAudibleSamples(block.data(), count);
+    EXPECT_EQ(count, row[4]) << "row " << &row - rows;
+  }
+  int negative = -4;
+  EXPECT_FALSE(tts->keepOnlyAudibleSamples(nullptr, negative));
+  EXPECT_EQ(negative, -4);
+}
+
+TEST_F(EngineEventTest, CallbacksOutsideASentenceRaiseNothing) {
+  tts->TTSEventCallBack(ZR::TTS_EVENT_SENTENCE, 3, 4);
+  tts->TTSEventCallBack(ZR::TTS_EVENT_WORD, 3, 4);  // no word left to raise
   tts->TTSEventCallBack(static_cast<ZR::TextToSpeechEngineEvent>(7), 3, 4);
   EXPECT_TRUE(host.events().empty());
-  EXPECT_TRUE(host.hasLog(ko::log::error, "TTSEventCallBack", "event not recognized: 7"));
+  EXPECT_THAT(host.logRecords(kServiceCategory),
+              ElementsAre(Field(&ko::log::Record::message, "event not recognized: 7")));
 }
 
-TEST_F(EngineEventTest, SentenceBoundaryCodeIsIgnored) {
-  tts->TTSEventCallBack(ZR::TTS_EVENT_SENTENCE, 3, 4);
-  EXPECT_TRUE(host.events().empty());
-  EXPECT_TRUE(host.logRecords(kServiceCategory).empty());
-}
-
-TEST_F(EngineEventTest, WordWithoutWordsLeftRaisesNothing) {
-  tts->TTSEventCallBack(TTS_EVENT_WORD, 3, 0);
-  EXPECT_TRUE(host.events().empty());
-}
-
-TEST_F(EngineEventTest, WordEventsBeyondTheLastWordOnlyMoveThePosition) {
-  backend.setScript({{TTS_EVENT_WORD, 0, 0},
-                     {TTS_EVENT_WORD, 4, 10},
-                     {TTS_EVENT_WORD, 8, 20},
-                     {TTS_EVENT_WORD, 12, 30}});
-  tts->say("Two, words!");
-  const std::vector<std::string> words = describe(host.events("ZRTextToSpeech/CurrentWord"));
-  EXPECT_EQ(words, (std::vector<std::string>{eventText("CurrentWord", std::string("Two")),
-                                             eventText("CurrentWord", std::string("words"))}));
-  EXPECT_EQ(describe(host.events(ZR::ZRTextToSpeech::strPositionOfCurrentWordEvent)),
-            (std::vector<std::string>{eventText("PositionOfCurrentWord", 1),
-                                      eventText("PositionOfCurrentWord", 5)}));
-}
-
-TEST_F(EngineEventTest, WordPositionsOfAFileSentenceFollowThePreviousFileSentence) {
-  // A spoken sentence counts its words from its own start; a sentence written to a file keeps
-  // the offset of the sentence before it.
-  backend.setScript({{TTS_EVENT_WORD, 0, 0}});
-  const std::string file = host.root() + "/offset.wav";
-  tts->sayToFile("Hello", file);
-  tts->sayToFile("Again", file);
-  tts->say("Spoken");
-  EXPECT_EQ(describe(host.events(ZR::ZRTextToSpeech::strPositionOfCurrentWordEvent)),
-            (std::vector<std::string>{eventText("PositionOfCurrentWord", 1),
-                                      eventText("PositionOfCurrentWord", 6),
-                                      eventText("PositionOfCurrentWord", 1)}));
-}
-
-TEST_F(EngineEventTest, TextDoneNotificationRaisesTheClosingValues) {
-  tts->notifyTextDone(false);
-  EXPECT_EQ(
-      serviceEvents(),
-      (std::vector<std::string>{
-          eventText("TextDone", 1), eventText("TextStarted", 0), eventText("CurrentBookMark", 0),
-          eventText("PositionOfCurrentWord", 0), eventText("CurrentWord", std::string())}));
-  EXPECT_TRUE(host.hasLog(ko::log::info, "notifyTextDone", "text done"));
-}
-
-TEST_F(EngineEventTest, InterruptedTextDoneLeavesTextDoneAndTextStartedAlone) {
-  tts->notifyTextDone(true);
-  EXPECT_EQ(serviceEvents(), (std::vector<std::string>{eventText("CurrentBookMark", 0),
-                                                       eventText("PositionOfCurrentWord", 0),
-                                                       eventText("CurrentWord", std::string())}));
-}
-
-TEST_F(EngineEventTest, TextDoneNotificationForgetsTheLastTask) {
-  tts->say("Finished");
-  tts->notifyTextDone(false);
+TEST_F(EngineEventTest, TextDoneNotificationRaisesTheClosingValuesAndForgetsTheTask) {
+  tts->say("Finished");  // its task stays the current one until a clean-up
   host.clearEvents();
-  // The clean-up reset the current task: a stop now interrupts nothing.
-  tts->stopAll();
-  EXPECT_TRUE(host.events().empty());
+  tts->notifyTextDone(false);
+  tts->stopAll();             // nothing is left to interrupt
+  tts->notifyTextDone(true);  // an interrupted end leaves TextDone and TextStarted alone
+  EXPECT_THAT(serviceEvents(),
+              ElementsAre("TextDone=1", "TextStarted=0", "CurrentBookMark=0",
+                          "PositionOfCurrentWord=0", R"(CurrentWord="")", "CurrentBookMark=0",
+                          "PositionOfCurrentWord=0", R"(CurrentWord="")"));
+  EXPECT_THAT(serviceLogTexts(host, "notifyTextDone", ko::log::info),
+              ElementsAre("text done", "text done"));
 }
 
-// --- Tags-only sentences ---------------------------------------------------------------------
-
-struct TagsCase {
-  const char* text;
-  bool tagsOnly;
-};
-
-class TagsOnlySentenceTest : public ::testing::TestWithParam<TagsCase> {};
-
-TEST_P(TagsOnlySentenceTest, MatchesSpacesAndTagsOnly) {
-  EXPECT_EQ(ZR::ZRTextToSpeech::isTagsOnlySentence(GetParam().text), GetParam().tagsOnly)
-      << '"' << GetParam().text << '"';
+TEST(TagsOnlySentenceTest, MatchesSpacesAndTagsOnly) {
+  for (const char* text :
+       {"", "  ", "\\rst\\ ", "\\style=reset\\ \\rst\\", "\\\\", "  \\rspd=90\\\\vct=120\\  "}) {
+    EXPECT_TRUE(ZR::ZRTextToSpeech::isTagsOnlySentence(text)) << '"' << text << '"';
+  }
+  for (const char* text :
+       {"Hello", "\\rst\\Hello", "Hello \\rst\\", "\\unclosed", " \\rst\\ x", "\t\\rst\\"}) {
+    EXPECT_FALSE(ZR::ZRTextToSpeech::isTagsOnlySentence(text)) << '"' << text << '"';
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Texts, TagsOnlySentenceTest,
-    ::testing::Values(TagsCase{"", true}, TagsCase{"  ", true}, TagsCase{"\\rst\\ ", true},
-                      TagsCase{"\\style=reset\\ \\rst\\", true},
-                      TagsCase{"  \\rspd=90\\\\vct=120\\  ", true}, TagsCase{"\\\\", true},
-                      TagsCase{"Hello", false}, TagsCase{"\\rst\\Hello", false},
-                      TagsCase{"Hello \\rst\\", false}, TagsCase{"\\unclosed", false},
-                      TagsCase{" \\rst\\ x", false}, TagsCase{"\t\\rst\\", false}));
 
 }  // namespace
-}  // namespace testing
-}  // namespace bexko
+}  // namespace bexko::testing

@@ -1,22 +1,16 @@
 #include <zr/zrtexttospeech.h>
 
 #include <algorithm>
-#include <string>
-#include <vector>
 
-#include <gtest/gtest.h>
 #include <boost/filesystem.hpp>
 
 #include <bexko/services/packagemanager.h>
 
 #include "settingsfixture.h"
 
+namespace bexko::testing {
 namespace {
 
-using bexko::testing::eventually;
-using bexko::testing::scriptedPackage;
-using bexko::testing::ScriptedServiceTest;
-using bexko::testing::serviceLogs;
 namespace fs = boost::filesystem;
 
 // The service starts with English only; French comes and goes as a package of its own.
@@ -38,98 +32,73 @@ class PackageChangeTest : public ScriptedServiceTest {
 
   // Returns once no package-change handler holds the service's main lock.
   void waitForHandlers() { tts->setDefaultVoice(); }
-
-  std::string frenchDefaultVoiceFile() const {
-    return configFile("ZRTextToSpeech_DefaultVoiceFrench.xml");
-  }
 };
 
-TEST_F(PackageChangeTest, InstallingALanguageReloadsTheEngineAndRebuildsTheVoiceSetting) {
+TEST_F(PackageChangeTest, InstallingReloadsTheEngineAndRemovingDeletesTheDefaultVoiceFile) {
   ASSERT_FALSE(isInstalled("French"));
   tts->setParameter("pitchShift", 2.0f);
-  ASSERT_FLOAT_EQ(tts->globalSetting().parameters.at("pitchShift"), 2.0f);
-
-  install(scriptedPackage("french", {"fr_FR"}));
-  ASSERT_TRUE(eventually([this] { return isInstalled("French"); }));
-  waitForHandlers();
-
-  // The current language did not change; its setting was rebuilt all the same.
-  EXPECT_EQ(tts->engine()->getCurrentLanguage(), "English");
-  EXPECT_TRUE(tts->globalSetting() == ZR::VoiceSetting(ZR::VOICE, "Kenny"));
-  tts->setLanguage("French");
-  EXPECT_EQ(tts->getVoice(), "Julie");
-}
-
-TEST_F(PackageChangeTest, RemovingALanguageDeletesItsDefaultVoiceFile) {
-  install(scriptedPackage("french", {"fr_FR"}));
-  ASSERT_TRUE(eventually([this] { return isInstalled("French"); }));
-  waitForHandlers();
-  tts->setLanguageDefaultVoice("French", "Julie");
-  ASSERT_TRUE(fs::exists(frenchDefaultVoiceFile()));
-
-  host.services().packageManager->remove("french");
-  EXPECT_TRUE(eventually([this] { return !fs::exists(frenchDefaultVoiceFile()); }));
-  EXPECT_TRUE(eventually([this] { return !isInstalled("French"); }));
-  waitForHandlers();
-  EXPECT_TRUE(isInstalled("English"));
-}
-
-TEST_F(PackageChangeTest, APackageWithoutLanguagesChangesNothing) {
-  tts->setParameter("pitchShift", 2.0f);
-  const ZR::VoiceSetting before = tts->globalSetting();
-  ko::PackageInfo documentation = scriptedPackage("documentation", {});
-
-  backend.clearCalls();
-  host.clearLogs();
-  tts->bexStoreApplicationInstalled("packageInstalled", documentation.toValue(), "");
-  tts->bexStoreApplicationUninstalled("packageRemoved", documentation.toValue(), "");
-  EXPECT_TRUE(backend.calls("load").empty());
-  EXPECT_TRUE(tts->globalSetting() == before);
-  EXPECT_TRUE(host.logRecords("audio.zrtexttospeech.main").empty());
-
-  // Through the package manager: the deliveries to the service run in raise order, so once the
-  // language package that follows is served, the first one has been too.
-  install(documentation);
+  // The deliveries to the service run in raise order: once French is served, the package
+  // without languages installed before it has been handled too, without an error.
+  install(scriptedPackage("documentation", {}));
   install(scriptedPackage("french", {"fr_FR"}));
   ASSERT_TRUE(eventually([this] { return isInstalled("French"); }));
   waitForHandlers();
   for (const ko::log::Record& record : host.logRecords()) {
     EXPECT_GT(record.level, ko::log::error) << record.function << ": " << record.message;
   }
+  // The current language did not change; its setting was rebuilt all the same.
+  EXPECT_EQ(tts->engine()->getCurrentLanguage(), "English");
+  EXPECT_EQ(tts->globalSetting(), ZR::VoiceSetting(ZR::VOICE, "Kenny"));
+  tts->setLanguage("French");
+  EXPECT_EQ(tts->getVoice(), "Julie");
+
+  tts->setLanguageDefaultVoice("French", "Julie");
+  tts->setLanguage("English");
+  ASSERT_TRUE(fs::exists(defaultVoiceFile("French")));
+  host.services().packageManager->remove("french");
+  EXPECT_TRUE(eventually([this] { return !fs::exists(defaultVoiceFile("French")); }));
+  EXPECT_TRUE(eventually([this] { return !isInstalled("French"); }));
+  waitForHandlers();
+  EXPECT_TRUE(isInstalled("English"));
 }
 
-TEST_F(PackageChangeTest, RemovedPackageForgetsEachKnownLanguageInOrder) {
+TEST_F(PackageChangeTest, AnEventForAPackageWithoutLanguagesChangesNothing) {
+  tts->setParameter("pitchShift", 2.0f);
+  const ZR::VoiceSetting before = tts->globalSetting();
+  const ko::PackageInfo documentation = scriptedPackage("documentation", {});
+  backend.clearCalls();
+  host.clearLogs();
+  tts->bexStoreApplicationInstalled("packageInstalled", documentation.toValue(), "");
+  tts->bexStoreApplicationUninstalled("packageRemoved", documentation.toValue(), "");
+  EXPECT_TRUE(backend.calls("load").empty());
+  EXPECT_EQ(tts->globalSetting(), before);
+  EXPECT_TRUE(host.logRecords(kServiceCategory).empty());
+}
+
+TEST_F(PackageChangeTest, SignalsForgetTheRemovedLanguagesInOrderUpToAnUnknownLocale) {
   tts->setLanguageDefaultVoice("English", "Sam");
-  const std::string englishFile = configFile("ZRTextToSpeech_DefaultVoiceEnglish.xml");
-  bexko::testing::writeVoiceSettings(frenchDefaultVoiceFile(), ZR::VoiceSetting(ZR::VOICE, "Julie"),
-                                     "French");
-  ASSERT_TRUE(fs::exists(englishFile));
-
-  host.clearLogs();
-  tts->onPackageRemoved(scriptedPackage("both", {"en_US", "fr_FR"}));
-  EXPECT_FALSE(fs::exists(englishFile));
-  EXPECT_FALSE(fs::exists(frenchDefaultVoiceFile()));
-  EXPECT_EQ(serviceLogs(host, "xRemoveVoiceSettingFromLanguage", ko::log::verbose),
-            (std::vector<std::string>{"Remove file " + englishFile,
-                                      "Remove file " + frenchDefaultVoiceFile()}));
-}
-
-TEST_F(PackageChangeTest, AnUnknownLocaleStopsTheRemovalOfThePackagesLanguages) {
-  bexko::testing::writeVoiceSettings(frenchDefaultVoiceFile(), ZR::VoiceSetting(ZR::VOICE, "Julie"),
-                                     "French");
-  host.clearLogs();
-  tts->onPackageRemoved(scriptedPackage("odd", {"xx_XX", "fr_FR"}));
-  EXPECT_TRUE(fs::exists(frenchDefaultVoiceFile()));
-  EXPECT_EQ(serviceLogs(host, "onPackageRemoved", ko::log::error),
-            std::vector<std::string>{"Language iso code xx_XX not managed by our TTS engine"});
-}
-
-TEST_F(PackageChangeTest, InstalledSignalAloneChangesNothing) {
+  writeVoiceSettings(defaultVoiceFile("French"), ZR::VoiceSetting(ZR::VOICE, "Julie"), "French");
+  const ko::PackageInfo both = scriptedPackage("both", {"en_US", "fr_FR"});
+  // An installation is handled when the event store reports it, not on the signal.
   const ZR::VoiceSetting before = tts->globalSetting();
   backend.clearCalls();
-  tts->onPackageInstalled(scriptedPackage("french", {"fr_FR"}));
+  tts->onPackageInstalled(both);
   EXPECT_TRUE(backend.calls().empty());
-  EXPECT_TRUE(tts->globalSetting() == before);
+  EXPECT_EQ(tts->globalSetting(), before);
+
+  host.clearLogs();
+  tts->onPackageRemoved(scriptedPackage("odd", {"xx_XX", "fr_FR"}));
+  EXPECT_TRUE(fs::exists(defaultVoiceFile("French")));
+  EXPECT_THAT(logs("onPackageRemoved", ko::log::error),
+              ElementsAre("Language iso code xx_XX not managed by our TTS engine"));
+
+  tts->onPackageRemoved(both);
+  EXPECT_FALSE(fs::exists(defaultVoiceFile("English")));
+  EXPECT_FALSE(fs::exists(defaultVoiceFile("French")));
+  EXPECT_THAT(logs("xRemoveVoiceSettingFromLanguage", ko::log::verbose),
+              ElementsAre("Remove file " + defaultVoiceFile("English"),
+                          "Remove file " + defaultVoiceFile("French")));
 }
 
 }  // namespace
+}  // namespace bexko::testing

@@ -2,150 +2,110 @@
 // threads and through the host, and the errors a caller sees.
 #include <zr/zrtexttospeech.h>
 
-#include <string>
-#include <vector>
+#include <future>
 
-#include <gtest/gtest.h>
 #include <boost/filesystem.hpp>
 
 #include <ko/path.h>
-#include <zr/tts/textutils.h>
 
 #include "speechfixture.h"
 
-namespace bexko {
-namespace testing {
+namespace bexko::testing {
 namespace {
 
 namespace fs = boost::filesystem;
+using ::testing::ElementsAre;
 using ZR::TTS_EVENT_MARKER;
 using ZR::TTS_EVENT_WORD;
+
+const char* const kEnqueued = R"(Status=[1, "enqueued"])";
+const char* const kNoSentence = R"(CurrentSentence="")";
 
 // --- One sentence, start to end ------------------------------------------------------------
 
 using SentenceEventsTest = SpeechServiceTest;
 
-TEST_F(SentenceEventsTest, SpokenSentenceRaisesTheFullSequence) {
-  backend.setScript({{TTS_EVENT_WORD, 0, 0}, {TTS_EVENT_WORD, 6, 100}});
-  tts->say("Hello \\rspd=90\\world.");
-
-  // The engine gets the tags; the clients see the text without them.
-  EXPECT_EQ(backend.sentences(), (std::vector<std::string>{"Hello \\rspd=90\\world."}));
-  const std::vector<std::string> expected = {
-      statusText(1, "enqueued"),
-      eventText("TextStarted", 1),
-      eventText("TextDone", 0),
-      statusText(1, "started"),
-      eventText("CurrentSentence", std::string("Hello world.")),
-      eventText("PositionOfCurrentWord", 1),
-      eventText("CurrentWord", std::string("Hello")),
-      eventText("PositionOfCurrentWord", 7),
-      eventText("CurrentWord", std::string("world")),
-      statusText(1, "done"),
-      eventText("CurrentSentence", std::string()),
+TEST_F(SentenceEventsTest, EachKindOfSentenceRaisesItsSequence) {
+  // The third word event finds no word left: it raises nothing.
+  backend.setScript({{TTS_EVENT_WORD, 0, 0}, {TTS_EVENT_WORD, 6, 100}, {TTS_EVENT_WORD, 12, 200}});
+  const std::string file = host.root() + "/recordings/nested/hello.wav";
+  const struct {
+    std::function<void()> call;
+    std::string engineText;
+    std::vector<std::string> events;
+  } cases[] = {
+      // Tags only: no TextStarted nor TextDone; still synthesised, with the pause mark added.
+      {[this] { tts->say("\\rst\\ \\pau=10\\"); },
+       R"(\rst\ \mrk=64536\\pau=10\)",
+       {kEnqueued, R"(Status=[1, "started"])", R"(CurrentSentence=" ")", R"(Status=[1, "done"])",
+        kNoSentence}},
+      // To a file, in a folder it creates: no CurrentSentence; words count on from the sentence
+      // before (one character).
+      {[&] { tts->sayToFile("Hello", file); },
+       "Hello",
+       {R"(Status=[2, "enqueued"])", "TextStarted=1", "TextDone=0", R"(Status=[2, "started"])",
+        "PositionOfCurrentWord=2", R"(CurrentWord="Hello")", R"(Status=[2, "done"])"}},
+      // Spoken: the engine gets the tags, the clients see the text without them; words count
+      // from the sentence's start.
+      {[this] { tts->say("Hello \\rspd=90\\world."); },
+       "Hello \\rspd=90\\world.",
+       {R"(Status=[3, "enqueued"])", "TextStarted=1", "TextDone=0", R"(Status=[3, "started"])",
+        R"(CurrentSentence="Hello world.")", "PositionOfCurrentWord=1", R"(CurrentWord="Hello")",
+        "PositionOfCurrentWord=7", R"(CurrentWord="world")", R"(Status=[3, "done"])", kNoSentence}},
   };
-  EXPECT_EQ(serviceEvents(), expected);
-}
-
-TEST_F(SentenceEventsTest, EachSentenceTakesTheNextIdentifier) {
-  tts->say("One");
-  tts->say("Two");
-  tts->say("Three");
-  EXPECT_EQ(statusEvents(),
-            (std::vector<std::string>{
-                statusText(1, "enqueued"), statusText(1, "started"), statusText(1, "done"),
-                statusText(2, "enqueued"), statusText(2, "started"), statusText(2, "done"),
-                statusText(3, "enqueued"), statusText(3, "started"), statusText(3, "done")}));
-}
-
-TEST_F(SentenceEventsTest, SentenceToFileRaisesNoCurrentSentenceAndCreatesTheFile) {
-  const fs::path file = fs::path(host.root()) / "recordings" / "nested" / "hello.wav";
-  ASSERT_FALSE(fs::exists(file.parent_path()));
-  tts->sayToFile("Hello", file.string());
-
-  const std::vector<std::string> expected = {statusText(1, "enqueued"), eventText("TextStarted", 1),
-                                             eventText("TextDone", 0), statusText(1, "started"),
-                                             statusText(1, "done")};
-  EXPECT_EQ(serviceEvents(), expected);
-  EXPECT_TRUE(fs::is_regular_file(file));
-  EXPECT_EQ(backend.sentences(), (std::vector<std::string>{"Hello"}));
-}
-
-TEST_F(SentenceEventsTest, TagsOnlySentenceStartsWithoutTextStartedOrTextDone) {
-  const std::string text = "\\rst\\ \\pau=10\\";
-  tts->say(text);
-
-  std::string cleaned = text;
-  ZR::replaceMrkPause(cleaned);
-  const std::string shown = ZR::replaceTags(cleaned, "");
-  const std::vector<std::string> expected = {
-      statusText(1, "enqueued"), statusText(1, "started"), eventText("CurrentSentence", shown),
-      statusText(1, "done"), eventText("CurrentSentence", std::string())};
-  EXPECT_EQ(serviceEvents(), expected);
-  // Still synthesised, with the pause mark the text clean-up added.
-  EXPECT_EQ(backend.sentences(), (std::vector<std::string>{cleaned}));
-}
-
-TEST_F(SentenceEventsTest, EmptyTextRaisesNothingAndReachesNoEngine) {
-  tts->say("");
-  tts->sayToFile("", "");
-  EXPECT_TRUE(host.events().empty());
-  EXPECT_TRUE(backend.calls("startSynthetizer").empty());
-}
-
-TEST_F(SentenceEventsTest, SayWithALanguageSpeaksThatSentenceOnly) {
-  tts->say("Hello", "English");
-  EXPECT_EQ(statusEvents().back(), statusText(1, "done"));
-  try {
-    tts->say("Bonjour", "French");
-    FAIL() << "French is not installed";
-  } catch (const ZR::ZRError& e) {
-    EXPECT_EQ(e.methodName(), "say");
-    EXPECT_EQ(e.description(), "French language is not installed.");
+  for (const auto& c : cases) {
+    host.clearEvents();
+    c.call();
+    EXPECT_EQ(backend.sentences().back(), c.engineText);
+    EXPECT_EQ(serviceEvents(), c.events);
   }
-  EXPECT_EQ(statusEvents().size(), 3u) << "no task for the refused language";
+  EXPECT_TRUE(fs::is_regular_file(file));
 }
 
 // --- Stopping --------------------------------------------------------------------------------
 
-class StopTest : public SpeechServiceTest {
- protected:
-  void TearDown() override { backend.setBlocking(false); }
-};
+using StopTest = SpeechServiceTest;
 
 TEST_F(StopTest, StopAllFromAnotherThreadInterruptsTheSentence) {
   FakeModule& animated = host.addFakeModule("ZRAnimatedSpeech");
   animated.addMethod("_mrkpauseCallback", 1);
-  // Two bookmarks far in the sentence and two pause marks, then a word that tells the test
-  // that the engine got that far, then the engine blocks.
-  backend.queueSentenceEvents({{TTS_EVENT_MARKER, 5, bytesForMs(20000)},
+  // Two bookmarks (the first one due in 880 ms, 64535 the last bookmark number) and two pause
+  // marks, then a word that tells the test that the engine got that far; then the engine blocks.
+  backend.queueSentenceEvents({{TTS_EVENT_MARKER, 5, bytesForMs(1000)},
                                {TTS_EVENT_MARKER, 64536, bytesForMs(100)},
-                               {TTS_EVENT_MARKER, 6, bytesForMs(30000)},
+                               {TTS_EVENT_MARKER, 64535, bytesForMs(30000)},
                                {TTS_EVENT_MARKER, 64537, bytesForMs(200)},
                                {TTS_EVENT_WORD, 0, 0}});
   backend.setBlocking(true);
-
-  BackgroundCall speaking([this] { tts->say("One two three"); });
-  ASSERT_TRUE(backend.waitForSynthesis(1, 5000));
+  auto speaking = std::async(std::launch::async, [this] { tts->say("One two three"); });
   ASSERT_TRUE(host.waitForEvent(ZR::ZRTextToSpeech::strCurrentWordEvent, std::string("One"), 5000));
   host.clearEvents();
+  EXPECT_TRUE(animated.calls().empty()) << "pause marks wait for a clean-up";
 
   tts->stopAll();
-  ASSERT_TRUE(speaking.joinWithin(5000)) << "the interrupted say did not return";
-  EXPECT_EQ(speaking.error(), "");
-
-  const std::vector<std::string> expected = {
-      eventText("TextInterrupted", 1), eventText("CurrentBookMark", 5),
-      eventText("CurrentBookMark", 6), statusText(1, "stopped"),
-      eventText("CurrentSentence", std::string())};
-  EXPECT_EQ(serviceEvents(), expected);
+  ASSERT_EQ(speaking.wait_for(std::chrono::seconds(5)), std::future_status::ready)
+      << "the interrupted say did not return";
+  EXPECT_NO_THROW(speaking.get());
+  // The pending bookmarks are flushed in order; the pause marks are never bookmarks.
+  EXPECT_THAT(serviceEvents(),
+              ElementsAre("TextInterrupted=1", "CurrentBookMark=5", "CurrentBookMark=64535",
+                          R"(Status=[1, "stopped"])", kNoSentence));
   EXPECT_EQ(backend.calls("stopSynthetizer").size(), 1u);
+  ASSERT_EQ(animated.calls().size(), 1u) << "one pause mark per clean-up";
+  EXPECT_EQ(animated.calls()[0].args, std::vector<ZR::ZRValue>{ZR::ZRValue(0)});
 
-  // One pause mark per clean-up: only the first one reached the animated speech.
-  const std::vector<FakeModule::Call> calls = animated.calls("_mrkpauseCallback");
-  ASSERT_EQ(calls.size(), 1u);
-  ASSERT_EQ(calls[0].args.size(), 1u);
-  EXPECT_EQ(calls[0].args[0], ZR::ZRValue(ZR::makeSpecificId(64536)));
+  // Past the first bookmark's time: its timer was cancelled, so nothing looks for it.
+  std::this_thread::sleep_for(std::chrono::milliseconds(1000));
+  EXPECT_EQ(serviceEvents(ZR::ZRTextToSpeech::strCurrentBookMarkEvent).size(), 2u);
+  EXPECT_FALSE(host.hasLog(ko::log::info, "markerCB", "marker not found"));
+
+  // The service speaks on; the next clean-up hands over the next pause mark.
+  backend.setBlocking(false);
+  tts->say("Next");
+  EXPECT_EQ(statusEvents().back(), R"(Status=[2, "done"])");
+  tts->stopAll();
+  ASSERT_EQ(animated.calls().size(), 2u);
+  EXPECT_EQ(animated.calls()[1].args, std::vector<ZR::ZRValue>{ZR::ZRValue(1)});
 }
 
 TEST_F(StopTest, PostedSayIsStoppedThroughTheHostByItsCallId) {
@@ -153,209 +113,105 @@ TEST_F(StopTest, PostedSayIsStoppedThroughTheHostByItsCallId) {
   ZR::ZRPostedCall posted =
       host.broker()->post("ZRTextToSpeech", "say", {ZR::ZRValue(std::string("Posted words"))});
   ASSERT_TRUE(backend.waitForSynthesis(1, 5000));
-  // The task carries the host's call id, not a number of its own.
-  ASSERT_TRUE(host.waitForEvent(ZR::ZRTextToSpeech::strStatusEvent,
-                                ZR::ZRValue::array<int, std::string>(posted.id, "started"), 5000));
 
   host.broker()->stop("ZRTextToSpeech", posted.id);
 
   EXPECT_EQ(posted.result.wait(5000), ko::FutureState::FinishedWithValue);
-  const std::vector<std::string> statuses = statusEvents();
-  EXPECT_EQ(statuses, (std::vector<std::string>{statusText(posted.id, "enqueued"),
-                                                statusText(posted.id, "started"),
-                                                statusText(posted.id, "stopped")}));
+  // The task carries the host's call id, not a number of its own.
+  const std::string id = "Status=[" + std::to_string(posted.id);
+  EXPECT_THAT(statusEvents(),
+              ElementsAre(id + R"(, "enqueued"])", id + R"(, "started"])", id + R"(, "stopped"])"));
   EXPECT_TRUE(host.waitForEvent(ZR::ZRTextToSpeech::strTextInterruptedEvent, 1, 0));
-  EXPECT_FALSE(host.hasLog(
-      ko::log::warning, "stop",
-      "No task with the id " + std::to_string(posted.id) + " is currently being processed."));
+  EXPECT_TRUE(serviceLogTexts(host, "stop", ko::log::warning).empty());
 }
 
-TEST_F(StopTest, StopOfMinusOneOnlyWarns) {
-  tts->say("Spoken");
+TEST_F(StopTest, AfterANormalEndStopAllStillInterruptsOnceAndOtherIdsOnlyWarn) {
+  // A pause mark, with no animated-speech module to take it.
+  backend.queueSentenceEvents({{TTS_EVENT_MARKER, 64536, 0}});
+  tts->say("Already said");  // its task stays the current one until a clean-up
   host.clearEvents();
   tts->stop(-1);
-  EXPECT_TRUE(host.events().empty());
-  EXPECT_TRUE(backend.calls("stopSynthetizer").empty());
-  EXPECT_TRUE(host.hasLog(ko::log::warning, "stop",
-                          "No task with the id -1 is currently being processed."));
-}
-
-TEST_F(StopTest, StopOfAnUnknownIdWarnsWithThatId) {
   tts->stop(42);
-  EXPECT_TRUE(host.events().empty());
-  EXPECT_TRUE(host.hasLog(ko::log::warning, "stop",
+  EXPECT_THAT(serviceLogTexts(host, "stop", ko::log::warning),
+              ElementsAre("No task with the id -1 is currently being processed.",
                           "No task with the id 42 is currently being processed."));
-}
-
-TEST_F(StopTest, StopAllBeforeAnySentenceRaisesNothing) {
-  tts->stopAll();
-  EXPECT_TRUE(host.events().empty());
   EXPECT_TRUE(backend.calls("stopSynthetizer").empty());
-}
-
-TEST_F(StopTest, StopAllAfterANormalEndStillInterruptsOnce) {
-  tts->say("Already said");
-  host.clearEvents();
-
   tts->stopAll();
-  EXPECT_EQ(serviceEvents(), (std::vector<std::string>{eventText("TextInterrupted", 1)}));
-
-  // The clean-up forgot the last task: a second stop finds nothing.
-  host.clearEvents();
-  tts->stopAll();
-  EXPECT_TRUE(host.events().empty());
-}
-
-TEST_F(StopTest, ServiceKeepsSpeakingAfterAStop) {
-  backend.setBlocking(true);
-  {
-    BackgroundCall speaking([this] { tts->say("First"); });
-    ASSERT_TRUE(backend.waitForSynthesis(1, 5000));
-    tts->stopAll();
-    ASSERT_TRUE(speaking.joinWithin(5000));
-  }
-  backend.setBlocking(false);
-  host.clearEvents();
-  tts->say("Second");
-  EXPECT_EQ(statusEvents(),
-            (std::vector<std::string>{statusText(2, "enqueued"), statusText(2, "started"),
-                                      statusText(2, "done")}));
+  tts->stopAll();  // the clean-up forgot the task and the pause mark: nothing is left
+  EXPECT_THAT(serviceEvents(), ElementsAre("TextInterrupted=1"));
+  EXPECT_THAT(serviceLogTexts(host, "raiseMrkPause", ko::log::error),
+              ElementsAre("Cannot call AnimatedSpeech->_mrkpauseCallback."));
 }
 
 // --- Errors ----------------------------------------------------------------------------------
 
-using EncodingTest = SpeechServiceTest;
+using SpeechErrorTest = SpeechServiceTest;
 
-TEST_F(EncodingTest, RefusedTextIsShownCutAfter120Bytes) {
+TEST_F(SpeechErrorTest, EmptyOrRefusedRequestsMakeNoTask) {
   backend.setEncodingAccepted(false);
-  const std::string name = tts->globalSetting().value;
-  ASSERT_NE(tts->globalSetting().type, ZR::UNDEFINED);
-
-  const struct {
-    std::string text;
-    std::string shown;
-  } cases[] = {
-      {std::string(120, 'a'), std::string(120, 'a')},
-      {std::string(121, 'b'), std::string(120, 'b') + " ..."},
-      {std::string(200, 'c'), std::string(120, 'c') + " ..."},
-      // Tags are left out of what is shown, and do not count.
-      {"\\rspd=80\\" + std::string(120, 'd'), std::string(120, 'd')},
+  const std::string root = host.root(), home = ko::os::home(), tmp = ko::os::tmp();
+  const auto say = [this](const std::string& text) { return [this, text] { tts->say(text); }; };
+  const auto toFile = [this](const std::string& name) {
+    return [this, name] { tts->sayToFile("Hello", name); };
   };
-  for (const auto& c : cases) {
-    try {
-      tts->say(c.text);
-      ADD_FAILURE() << "accepted: " << c.text;
-    } catch (const ZR::ZRError& e) {
-      EXPECT_EQ(e.moduleName(), "ZRTextToSpeech");
-      EXPECT_EQ(e.methodName(), "say");
-      EXPECT_EQ(e.description(), "Error in encoding conversion. Please verify that the text \"" +
-                                     c.shown + "\" is well adapted to the selected language (" +
-                                     name + ")");
-    }
-  }
-  EXPECT_TRUE(host.events().empty()) << "no task exists for a refused text";
-  EXPECT_TRUE(backend.calls("startSynthetizer").empty());
-}
-
-class OutputFileTest : public SpeechServiceTest {
- protected:
-  /// The error sayToFile gives for `fileName`, or empty when it was accepted.
-  std::string refusal(const std::string& fileName) {
-    try {
-      tts->sayToFile("Hello", fileName);
-    } catch (const ZR::ZRError& e) {
-      EXPECT_EQ(e.methodName(), "sayToFile");
-      return e.description();
-    }
-    return "";
-  }
-};
-
-TEST_F(OutputFileTest, NamesAreCheckedBeforeAnyTask) {
-  const std::string root = host.root();
-  const std::string home = ko::os::home();
-  const std::string tmp = ko::os::tmp();
-  const std::string notAllowed =
-      "It is only allowed to write in the " + home + " or " + tmp + " directories";
-  const std::string noFile = "Please specify an output file.";
-  const struct {
-    std::string fileName;
-    std::string error;
-  } cases[] = {
-      {"", noFile},
-      {root + "/folder/", noFile},
-      {root + "/song.mp3", "The specified file must be a wav file."},
-      {root + "/noextension", "The specified file must be a wav file."},
+  const auto badText = [](const std::string& shown) {
+    return "ZRTextToSpeech.say: Error in encoding conversion. Please verify that the text \"" +
+           shown + "\" is well adapted to the selected language (Kenny)";
+  };
+  const std::string noFile = "ZRTextToSpeech.sayToFile: Please specify an output file.";
+  const std::string notWav = "ZRTextToSpeech.sayToFile: The specified file must be a wav file.";
+  const std::pair<std::function<void()>, std::string> cases[] = {
+      {say(""), ""},
+      {[this] { tts->sayToFile("", ""); }, ""},
+      {[this] { tts->say("Bonjour", "French"); },
+       "ZRTextToSpeech.say: French language is not installed."},
+      // The text refused is shown without its tags, cut after 120 bytes.
+      {say(std::string(120, 'a')), badText(std::string(120, 'a'))},
+      {say(std::string(121, 'b')), badText(std::string(120, 'b') + " ...")},
+      {say("\\rspd=80\\" + std::string(120, 'd')), badText(std::string(120, 'd'))},
+      {toFile(""), noFile},
+      {toFile(root + "/folder/"), noFile},
+      {toFile(root + "/song.mp3"), notWav},
+      {toFile(root + "/noextension"), notWav},
       // A folder whose text holds both the home and the temporary folder is refused.
-      {home + tmp + "/out.wav", notAllowed},
+      {toFile(home + tmp + "/out.wav"),
+       "ZRTextToSpeech.sayToFile: It is only allowed to write in the " + home + " or " + tmp +
+           " directories"},
   };
-  for (const auto& c : cases) {
-    host.clearLogs();
-    EXPECT_EQ(refusal(c.fileName), c.error) << c.fileName;
-    // Only the missing name is logged before it is thrown.
-    const std::vector<std::string> expectedLogs =
-        c.error == noFile ? std::vector<std::string>{noFile} : std::vector<std::string>{};
-    EXPECT_EQ(serviceLogTexts(host, "xCheckFile", ko::log::error), expectedLogs) << c.fileName;
-  }
+  for (const auto& c : cases) EXPECT_EQ(errorOf(c.first), c.second);
   EXPECT_TRUE(host.events().empty());
   EXPECT_TRUE(backend.calls("startSynthetizer").empty());
-}
+  // Only the missing file names are logged before they are thrown.
+  EXPECT_THAT(serviceLogTexts(host, "xCheckFile", ko::log::error),
+              ElementsAre("Please specify an output file.", "Please specify an output file."));
 
-TEST_F(OutputFileTest, WavAndRawInAnyCaseAreWritten) {
-  const fs::path dir = fs::path(host.root()) / "out" / "deeper";
-  for (const std::string name : {"a.wav", "b.WAV", "c.raw", "d.Raw"}) {
-    const fs::path file = dir / name;
-    EXPECT_EQ(refusal(file.string()), "") << name;
-    EXPECT_TRUE(fs::is_regular_file(file)) << name;
+  // Any other folder is accepted and created, beside the home too; the extension in any case.
+  backend.setEncodingAccepted(true);
+  for (const std::string& name : {root + "/out/deeper/a.WAV", root + "/b.Raw"}) {
+    EXPECT_EQ(errorOf(toFile(name)), "");
+    EXPECT_TRUE(fs::is_regular_file(name)) << name;
   }
-  EXPECT_EQ(backend.sentences().size(), 4u);
 }
 
-TEST_F(OutputFileTest, FolderOutsideTheHomeIsAcceptedAsTheRuleStands) {
-  // The rule refuses only a folder naming both the home and the temporary folder; a folder
-  // beside the home is accepted and created.
-  const fs::path file = fs::path(host.root()) / "beside-home" / "x.wav";
-  ASSERT_EQ(file.parent_path().string().find(ko::os::home()), std::string::npos);
-  EXPECT_EQ(refusal(file.string()), "");
-  EXPECT_TRUE(fs::is_directory(file.parent_path()));
-}
-
-using EngineErrorTest = SpeechServiceTest;
-
-TEST_F(EngineErrorTest, SynthesisErrorIsLoggedAndTheTaskEndsDone) {
-  const ZR::ZRError failure("TextToSpeech", "startSynthetizer", "the engine broke");
-  backend.failNext("startSynthetizer", failure);
-  EXPECT_NO_THROW(tts->say("Hello"));
-  EXPECT_EQ(statusEvents(),
-            (std::vector<std::string>{statusText(1, "enqueued"), statusText(1, "started"),
-                                      statusText(1, "done")}));
-  EXPECT_TRUE(host.hasLog(ko::log::error, "xSpeakingLoop", "Error catched " + failure.toString()));
-}
-
-TEST_F(EngineErrorTest, VoiceSettingErrorEndsThrownAndReachesTheCaller) {
-  ASSERT_EQ(tts->globalSetting().type, ZR::VOICE);
-  const ZR::ZRError failure("TextToSpeech", "setCurrentVoice", "no such voice today");
-  backend.failNext("setCurrentVoice", failure);
-  try {
-    tts->say("Hello");
-    FAIL() << "the voice-setting error was swallowed";
-  } catch (const ZR::ZRError& e) {
-    EXPECT_EQ(e.moduleName(), failure.moduleName());
-    EXPECT_EQ(e.methodName(), failure.methodName());
-    EXPECT_EQ(e.description(), failure.description());
-  }
-  const std::vector<std::string> expected = {statusText(1, "enqueued"), statusText(1, "thrown"),
-                                             eventText("CurrentSentence", std::string())};
-  EXPECT_EQ(serviceEvents(), expected);
+TEST_F(SpeechErrorTest, VoiceSettingErrorsReachTheCallerAndEngineErrorsEndDone) {
+  backend.failNext("setCurrentVoice",
+                   ZR::ZRError("TextToSpeech", "setCurrentVoice", "no such voice today"));
+  EXPECT_EQ(errorOf([this] { tts->say("Hello"); }),
+            "TextToSpeech.setCurrentVoice: no such voice today");
+  EXPECT_THAT(serviceEvents(), ElementsAre(kEnqueued, R"(Status=[1, "thrown"])", kNoSentence));
   EXPECT_TRUE(host.hasLog(ko::log::error, "xSay", "no such voice today"));
   EXPECT_TRUE(backend.calls("startSynthetizer").empty());
 
-  // The setting was not applied, so the next sentence tries again and is spoken.
+  // The setting was not applied, so the next sentence tries again; an engine error is only logged.
   host.clearEvents();
-  tts->say("Again");
-  EXPECT_EQ(statusEvents().back(), statusText(2, "done"));
+  const ZR::ZRError failure("TextToSpeech", "startSynthetizer", "the engine broke");
+  backend.failNext("startSynthetizer", failure);
+  EXPECT_EQ(errorOf([this] { tts->say("Again"); }), "");
+  EXPECT_EQ(backend.calls("setCurrentVoice").size(), 2u);
+  EXPECT_THAT(statusEvents(), ElementsAre(R"(Status=[2, "enqueued"])", R"(Status=[2, "started"])",
+                                          R"(Status=[2, "done"])"));
+  EXPECT_TRUE(host.hasLog(ko::log::error, "xSpeakingLoop", "Error catched " + failure.toString()));
 }
 
 }  // namespace
-}  // namespace testing
-}  // namespace bexko
+}  // namespace bexko::testing
