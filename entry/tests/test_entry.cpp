@@ -2,13 +2,13 @@
 // entered through its two C entry points.
 #include <dlfcn.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <boost/filesystem.hpp>
 #include <boost/shared_ptr.hpp>
@@ -25,16 +25,23 @@ namespace bexko {
 namespace testing {
 namespace {
 
+using ::testing::Contains;
+using ::testing::ElementsAreArray;
+using ::testing::Matcher;
+
 using CreateModuleFunction = int (*)(boost::shared_ptr<ZR::ZRBroker>);
 using CloseModuleFunction = int (*)();
 
-const char* const kPlayerNotFound =
-    "Failed to launch ZRAudioPlayer module: AudioPlayer is not found";
-const char* const kNoLanguage =
-    "Failed to launch ZRTextToSpeech module: No TTS languages seem to be installed on the system. "
-    "ZRTextToSpeech is disabled.";
+struct Case {
+  const char* name;
+  bool player;                       // the fake player on PATH
+  bool language;                     // a language installed
+  bool playerTaken;                  // another module already holds the player's name
+  std::vector<std::string> modules;  // the two modules' names registered, in order
+  std::vector<Matcher<const std::string&>> records;
+};
 
-class ModuleLibrary : public ::testing::Test {
+class ModuleLibrary : public ::testing::TestWithParam<Case> {
  protected:
   // The library is loaded once and never unloaded: modules it created may outlive a test's
   // host by a moment, and their code must stay mapped.
@@ -42,20 +49,17 @@ class ModuleLibrary : public ::testing::Test {
     // Before any test host moves the installation prefix to its temporary tree.
     libraryPath_ = new std::string(ko::path::sdkPrefix() + "/lib/libbexko-tts.so");
     handle_ = ::dlopen(libraryPath_->c_str(), RTLD_NOW | RTLD_LOCAL);
-    if (handle_) {
-      createModule_ = reinterpret_cast<CreateModuleFunction>(::dlsym(handle_, "_createModule"));
-      closeModule_ = reinterpret_cast<CloseModuleFunction>(::dlsym(handle_, "_closeModule"));
-    }
   }
 
   void SetUp() override {
     ASSERT_NE(handle_, nullptr) << "cannot load " << *libraryPath_ << ": " << ::dlerror();
+    createModule_ = reinterpret_cast<CreateModuleFunction>(::dlsym(handle_, "_createModule"));
+    closeModule_ = reinterpret_cast<CloseModuleFunction>(::dlsym(handle_, "_closeModule"));
     ASSERT_NE(createModule_, nullptr);
     ASSERT_NE(closeModule_, nullptr);
-    const char* path = std::getenv("PATH");
-    savedPath_ = path ? path : "";
-    backend_ = std::make_unique<ScriptedBackend>();
-    host_ = std::make_unique<TestHost>();
+    savedPath_ = std::getenv("PATH") ? std::getenv("PATH") : "";
+    // The fake player records its runs beside the file it plays.
+    unsetenv("FAKE_PLAYER_LOG");
   }
 
   void TearDown() override {
@@ -64,14 +68,6 @@ class ModuleLibrary : public ::testing::Test {
     setenv("PATH", savedPath_.c_str(), 1);
   }
 
-  void putFakePlayerOnPath() {
-    setenv("PATH", (std::string(BEXKO_FAKE_PLAYER_DIR) + ":" + savedPath_).c_str(), 1);
-  }
-  void removePlayersFromPath() {
-    const std::string empty = host_->root() + "/no-programs-here";
-    boost::filesystem::create_directories(empty);
-    setenv("PATH", empty.c_str(), 1);
-  }
   void installScriptedLanguage() {
     backend_->addVoice("Kenny", "English");
     ko::PackageInfo package;
@@ -81,175 +77,94 @@ class ModuleLibrary : public ::testing::Test {
     host_->addPackage(package);
   }
 
-  bool isRegistered(const std::string& module) const {
-    return host_->broker()->getModuleByName(module) != nullptr;
-  }
-
-  /// The records of the entry point, in emission order.
-  std::vector<ko::log::Record> entryRecords() const {
-    std::vector<ko::log::Record> records;
+  /// The entry point's records as "<level> <category> <file>:<line> <message>".
+  std::vector<std::string> entryRecords() const {
+    static const char* const levels[] = {"silent", "fatal",   "error", "warning",
+                                         "info",   "verbose", "debug"};
+    std::vector<std::string> records;
     for (const auto& record : host_->logRecords()) {
       if (record.function == "_createModule") {
-        records.push_back(record);
+        records.push_back(std::string(levels[record.level]) + " " + record.category + " " +
+                          record.file + ":" + std::to_string(record.line) + " " + record.message);
       }
     }
     return records;
   }
 
-  static void expectRecord(const ko::log::Record& record, ko::log::LogLevel level,
-                           const std::string& category, const std::string& text) {
-    EXPECT_EQ(record.level, level);
-    EXPECT_EQ(record.category, category);
-    EXPECT_EQ(record.function, "_createModule");
-    EXPECT_EQ(record.file, "");
-    EXPECT_EQ(record.line, 0);
-    EXPECT_EQ(record.message, text);
-  }
-
   static std::string* libraryPath_;
   static void* handle_;
-  static CreateModuleFunction createModule_;
-  static CloseModuleFunction closeModule_;
-
+  CreateModuleFunction createModule_ = nullptr;
+  CloseModuleFunction closeModule_ = nullptr;
   std::string savedPath_;
   // Declared before the host, so that the modules are shut down while the backend lives.
-  std::unique_ptr<ScriptedBackend> backend_;
-  std::unique_ptr<TestHost> host_;
+  std::unique_ptr<ScriptedBackend> backend_ = std::make_unique<ScriptedBackend>();
+  std::unique_ptr<TestHost> host_ = std::make_unique<TestHost>();
 };
 
 std::string* ModuleLibrary::libraryPath_ = nullptr;
 void* ModuleLibrary::handle_ = nullptr;
-CreateModuleFunction ModuleLibrary::createModule_ = nullptr;
-CloseModuleFunction ModuleLibrary::closeModule_ = nullptr;
 
-TEST_F(ModuleLibrary, CreatesBothModulesWhenPlayerAndLanguageAreThere) {
-  putFakePlayerOnPath();
-  installScriptedLanguage();
-
-  EXPECT_EQ(createModule_(host_->broker()), 0);
-
-  EXPECT_TRUE(isRegistered("ZRAudioPlayer"));
-  EXPECT_TRUE(isRegistered("ZRTextToSpeech"));
-  EXPECT_TRUE(entryRecords().empty());
-  // The player is registered before the speech service.
-  const auto names = host_->broker()->getModuleNames();
-  const auto player = std::find(names.begin(), names.end(), "ZRAudioPlayer");
-  const auto speech = std::find(names.begin(), names.end(), "ZRTextToSpeech");
-  EXPECT_LT(player - names.begin(), speech - names.begin());
-}
-
-TEST_F(ModuleLibrary, RegistersTheBrokerWithItsManager) {
-  putFakePlayerOnPath();
-  installScriptedLanguage();
+// The broker is registered with its manager; the player (first) and the speech service are
+// created when they can be, and one that cannot is logged without preventing the other. Both
+// entry points return 0; closing leaves the modules registered.
+TEST_P(ModuleLibrary, CreatesTheModulesThatCanBeCreated) {
+  const Case& c = GetParam();
+  const std::string noPlayer = host_->root() + "/no-programs-here";
+  setenv("PATH", c.player ? (BEXKO_FAKE_PLAYER_DIR ":" + savedPath_).c_str() : noPlayer.c_str(), 1);
+  if (c.language) {
+    installScriptedLanguage();
+  }
+  if (c.playerTaken) {
+    host_->addFakeModule("ZRAudioPlayer");
+  }
   const auto manager = host_->broker()->getBrokerManager().lock();
   ASSERT_NE(manager, nullptr);
   ZR::ZRBrokerManager::setInstance(nullptr);
 
   EXPECT_EQ(createModule_(host_->broker()), 0);
-
-  EXPECT_EQ(ZR::ZRBrokerManager::getInstance(), manager);
-  const auto brokers = manager->getBrokers();
-  EXPECT_NE(std::find(brokers.begin(), brokers.end(), host_->broker()), brokers.end());
-}
-
-TEST_F(ModuleLibrary, WithoutPlayerOnlyTheSpeechServiceIsCreated) {
-  removePlayersFromPath();
-  installScriptedLanguage();
-
-  EXPECT_EQ(createModule_(host_->broker()), 0);
-
-  EXPECT_FALSE(isRegistered("ZRAudioPlayer"));
-  EXPECT_TRUE(isRegistered("ZRTextToSpeech"));
-  const auto records = entryRecords();
-  ASSERT_EQ(records.size(), 1u);
-  expectRecord(records[0], ko::log::verbose, "ZRAudioPlayer", kPlayerNotFound);
-}
-
-TEST_F(ModuleLibrary, WithoutLanguageThePlayerStaysAndTheFailureIsAnError) {
-  putFakePlayerOnPath();
-
-  EXPECT_EQ(createModule_(host_->broker()), 0);
-
-  EXPECT_TRUE(isRegistered("ZRAudioPlayer"));
-  EXPECT_FALSE(isRegistered("ZRTextToSpeech"));
-  const auto records = entryRecords();
-  ASSERT_EQ(records.size(), 1u);
-  expectRecord(records[0], ko::log::error, "audioout", kNoLanguage);
-}
-
-TEST_F(ModuleLibrary, WhenBothFailBothAreLoggedPlayerFirst) {
-  removePlayersFromPath();
-
-  EXPECT_EQ(createModule_(host_->broker()), 0);
-
-  EXPECT_FALSE(isRegistered("ZRAudioPlayer"));
-  EXPECT_FALSE(isRegistered("ZRTextToSpeech"));
-  const auto records = entryRecords();
-  ASSERT_EQ(records.size(), 2u);
-  expectRecord(records[0], ko::log::verbose, "ZRAudioPlayer", kPlayerNotFound);
-  expectRecord(records[1], ko::log::error, "audioout", kNoLanguage);
-}
-
-// A player module that cannot be registered (its name is taken) is an info record only, and
-// the speech service is created all the same.
-TEST_F(ModuleLibrary, PlayerFailureIsLoggedAsInfoAndTheSpeechServiceFollows) {
-  putFakePlayerOnPath();
-  installScriptedLanguage();
-  host_->addFakeModule("ZRAudioPlayer");
-
-  EXPECT_EQ(createModule_(host_->broker()), 0);
-
-  EXPECT_TRUE(isRegistered("ZRTextToSpeech"));
-  const auto records = entryRecords();
-  ASSERT_EQ(records.size(), 1u);
-  EXPECT_EQ(records[0].level, ko::log::info);
-  EXPECT_EQ(records[0].category, "ZRAudioPlayer");
-  EXPECT_EQ(records[0].message.rfind("Failed to launch ZRAudioPlayer module: ", 0), 0u)
-      << records[0].message;
-  EXPECT_GT(records[0].message.size(),
-            std::string("Failed to launch ZRAudioPlayer module: ").size());
-}
-
-TEST_F(ModuleLibrary, CloseModuleReturnsZeroAndLeavesTheModulesRegistered) {
-  EXPECT_EQ(closeModule_(), 0);  // before any creation on this host
-  putFakePlayerOnPath();
-  installScriptedLanguage();
-  ASSERT_EQ(createModule_(host_->broker()), 0);
-
   EXPECT_EQ(closeModule_(), 0);
 
-  EXPECT_TRUE(isRegistered("ZRAudioPlayer"));
-  EXPECT_TRUE(isRegistered("ZRTextToSpeech"));
-}
-
-// The player created by the library plays through the host like any module.
-TEST_F(ModuleLibrary, CreatedPlayerPlaysThroughTheBroker) {
-  putFakePlayerOnPath();
-  installScriptedLanguage();
-  ASSERT_EQ(createModule_(host_->broker()), 0);
-  const std::string sounds = host_->root() + "/sounds";
-  boost::filesystem::create_directories(sounds);
-  const std::string song = sounds + "/song.wav";
-  std::ofstream{song};
-  setenv("FAKE_PLAYER_LOG", sounds.c_str(), 1);
-  setenv("FAKE_PLAYER_SECONDS", "0.05", 1);
-
-  host_->broker()->call("ZRAudioPlayer", "playFile", {ZR::ZRValue(song)});
-
-  unsetenv("FAKE_PLAYER_LOG");
-  unsetenv("FAKE_PLAYER_SECONDS");
-  std::ifstream calls(sounds + "/calls");
-  std::string pid;
-  ASSERT_TRUE(static_cast<bool>(std::getline(calls, pid)));
-  std::ifstream args(sounds + "/" + pid + ".args");
-  std::vector<std::string> lines;
-  for (std::string line; std::getline(args, line);) {
-    lines.push_back(line);
+  EXPECT_EQ(ZR::ZRBrokerManager::getInstance(), manager);
+  EXPECT_THAT(manager->getBrokers(), Contains(host_->broker()));
+  std::vector<std::string> modules;
+  for (const std::string& name : host_->broker()->getModuleNames()) {
+    if (name == "ZRAudioPlayer" || name == "ZRTextToSpeech") {
+      modules.push_back(name);
+    }
   }
-  ASSERT_EQ(lines.size(), 3u);
-  EXPECT_EQ(lines[0], std::string(BEXKO_FAKE_PLAYER_DIR) + "/sndfile-play");
-  EXPECT_EQ(lines[1], song);
+  EXPECT_EQ(modules, c.modules);
+  EXPECT_THAT(entryRecords(), ElementsAreArray(c.records));
+  if (c.player && !c.playerTaken) {
+    // The player created is the desktop player: it runs the player program.
+    const std::string song = host_->root() + "/song.wav";
+    std::ofstream{song};
+    host_->broker()->call("ZRAudioPlayer", "playFile", {ZR::ZRValue(song)});
+    EXPECT_TRUE(boost::filesystem::exists(host_->root() + "/calls"));
+  }
 }
+
+const char* const kPlayerNotFound =
+    "verbose ZRAudioPlayer :0 Failed to launch ZRAudioPlayer module: AudioPlayer is not found";
+const char* const kNoLanguage =
+    "error audioout :0 Failed to launch ZRTextToSpeech module: No TTS languages seem to be "
+    "installed on the system. ZRTextToSpeech is disabled.";
+const std::vector<std::string> kBoth = {"ZRAudioPlayer", "ZRTextToSpeech"};
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, ModuleLibrary,
+    ::testing::Values(Case{"PlayerAndLanguage", true, true, false, kBoth, {}},
+                      Case{"NoPlayer", false, true, false, {"ZRTextToSpeech"}, {kPlayerNotFound}},
+                      Case{"NoLanguage", true, false, false, {"ZRAudioPlayer"}, {kNoLanguage}},
+                      Case{"Neither", false, false, false, {}, {kPlayerNotFound, kNoLanguage}},
+                      Case{
+                          "PlayerNameTaken",
+                          true,
+                          true,
+                          true,
+                          kBoth,
+                          {::testing::MatchesRegex(
+                              "info ZRAudioPlayer :0 Failed to launch ZRAudioPlayer module: .+")}}),
+    [](const ::testing::TestParamInfo<Case>& info) { return info.param.name; });
 
 }  // namespace
 }  // namespace testing

@@ -1,5 +1,5 @@
-"""Starts the bexko daemon of the build tree for one test, on a free loopback port, with its own
-temporary HOME and XDG folders, and stops it again."""
+# Starts the bexko daemon of the build tree for a test, on a free loopback port, with its own
+# temporary HOME and XDG folders, and stops it again.
 
 import os
 import select
@@ -8,7 +8,7 @@ import signal
 import subprocess
 import sys
 import tempfile
-import time
+import threading
 import unittest
 
 BUILD_DIR = os.environ.get("BEXKO_BUILD_DIR") or os.path.abspath(
@@ -19,66 +19,38 @@ sys.path.insert(0, os.path.join(BUILD_DIR, "python"))
 
 
 class Daemon:
-    """The daemon under test. `fast` selects the engine's fast mode (no real-time pacing)."""
+    # The daemon under test; `fast` selects the engine's fast mode (no real-time pacing).
 
-    def __init__(self, *args, fast=True, token=None, env=None):
+    def __init__(self, *args, fast=True):
         self.root = tempfile.mkdtemp(prefix="bexko-it-")
-        self.env = dict(os.environ)
+        self.env = {k: v for k, v in os.environ.items()
+                    if k not in ("BEXKO_TOKEN", "BEXKO_URL", "BEXKO_LOG_LEVEL",
+                                 "BEXKO_ENGINE_FAST")}
         for name, sub in (("HOME", "home"), ("XDG_CONFIG_HOME", "config"),
                           ("XDG_DATA_HOME", "data"), ("XDG_CACHE_HOME", "cache"),
                           ("XDG_CONFIG_DIRS", "config-system"), ("XDG_DATA_DIRS", "data-system")):
-            path = os.path.join(self.root, sub)
-            os.makedirs(path)
-            self.env[name] = path
-        self.env.pop("BEXKO_TOKEN", None)
-        self.env.pop("BEXKO_URL", None)
-        self.env.pop("BEXKO_LOG_LEVEL", None)
+            self.env[name] = os.path.join(self.root, sub)
+            os.makedirs(self.env[name])
         if fast:
             self.env["BEXKO_ENGINE_FAST"] = "1"
-        else:
-            self.env.pop("BEXKO_ENGINE_FAST", None)
-        self.env.update(env or {})
-        self.args = list(args)
-        if token is not None:
-            self.args += ["--token", token]
+        self.args = ["--listen", "127.0.0.1:0"] + list(args)
         self.log_path = os.path.join(self.root, "bexko.log")
-        self.process = None
-        self.url = None
+        self.process = self.url = None
 
     def start(self, timeout=20.0):
-        listen = [] if any(a.startswith("--listen") for a in self.args) else [
-            "--listen", "127.0.0.1:0"]
         self._log = open(self.log_path, "wb")
-        self.process = subprocess.Popen([BEXKO] + listen + self.args, stdout=subprocess.PIPE,
+        self.process = subprocess.Popen([BEXKO] + self.args, stdout=subprocess.PIPE,
                                         stderr=self._log, env=self.env)
-        line = self._read_line(timeout)
+        ready, _, _ = select.select([self.process.stdout], [], [], timeout)
+        line = self.process.stdout.readline().decode() if ready else ""
         if not line.startswith("listening on "):
             self.stop()
             raise RuntimeError("bexko did not start: %r\n%s" % (line, self.log()))
         self.url = line[len("listening on "):].strip()
         return self
 
-    def _read_line(self, timeout):
-        deadline = time.monotonic() + timeout
-        data = b""
-        while not data.endswith(b"\n"):
-            remaining = deadline - time.monotonic()
-            if remaining <= 0:
-                return data.decode()
-            ready, _, _ = select.select([self.process.stdout], [], [], remaining)
-            if not ready:
-                continue
-            chunk = os.read(self.process.stdout.fileno(), 1)
-            if not chunk:
-                break
-            data += chunk
-        return data.decode()
-
-    def alive(self):
-        return self.process is not None and self.process.poll() is None
-
     def stop(self, sig=signal.SIGTERM, timeout=20.0):
-        """Stops the daemon with `sig`; returns its exit status."""
+        # Stops the daemon with `sig`; returns its exit status.
         if self.process is None:
             return None
         if self.process.poll() is None:
@@ -93,27 +65,23 @@ class Daemon:
         return self.process.returncode
 
     def log(self):
-        try:
-            with open(self.log_path, "rb") as f:
-                return f.read().decode("utf-8", "replace")
-        except OSError:
-            return ""
+        with open(self.log_path, "rb") as f:
+            return f.read().decode("utf-8", "replace")
 
     def cleanup(self):
         self.stop()
         shutil.rmtree(self.root, ignore_errors=True)
 
-    def call(self, *args, token=None, timeout=60):
-        """Runs bexko-call against this daemon; returns the completed process."""
+    def call(self, *args, token=None):
+        # Runs bexko-call against this daemon; returns the completed process.
         command = [sys.executable, BEXKO_CALL, "--url", self.url]
-        if token:
-            command += ["--token", token]
+        command += ["--token", token] if token else []
         return subprocess.run(command + list(args), capture_output=True, text=True,
-                              env=self.env, timeout=timeout)
+                              env=self.env, timeout=60)
 
 
 class DaemonTestCase(unittest.TestCase):
-    """One daemon for the whole class; DAEMON_ARGS and FAST choose how it runs."""
+    # One daemon for the whole class, started with DAEMON_ARGS; it must exit 0 on SIGTERM.
 
     DAEMON_ARGS = ()
     FAST = True
@@ -124,24 +92,22 @@ class DaemonTestCase(unittest.TestCase):
 
     @classmethod
     def tearDownClass(cls):
-        status = cls.daemon.stop()
-        log = cls.daemon.log()
+        status, log = cls.daemon.stop(), cls.daemon.log()
         cls.daemon.cleanup()
         if status != 0:
             raise AssertionError("bexko exited with %s\n%s" % (status, log))
 
-    def client(self):
+    def client(self, **kwargs):
         from bexko import Client
-        client = Client(self.daemon.url)
+        client = Client(self.daemon.url, **kwargs)
         self.addCleanup(client.close)
         return client
 
 
 class Recorder:
-    """Collects callback arguments and waits for a condition on them."""
+    # Collects callback arguments and waits for a condition on them.
 
     def __init__(self):
-        import threading
         self.items = []
         self._cond = threading.Condition()
 

@@ -1,11 +1,19 @@
-"""The daemon itself: its options, its ready line, its files and its clean stop."""
+# The daemon itself (its signals, usage errors, files and log), its access token, and bexko-call
+# from the shell.
 
 import os
 import signal
 import subprocess
+import sys
+import time
 import unittest
 
-from bexkodaemon import BEXKO, Daemon
+import websocket
+
+from bexkodaemon import BEXKO, BEXKO_CALL, Daemon, DaemonTestCase
+
+TOKEN = "integration-s3cret"
+OK, CALL_ERROR, USAGE, CONNECTION = 0, 1, 2, 3
 
 
 class DaemonLifeCycle(unittest.TestCase):
@@ -15,90 +23,101 @@ class DaemonLifeCycle(unittest.TestCase):
         self.addCleanup(daemon.cleanup)
         return daemon
 
-    def test_help_explains_every_option(self):
-        result = subprocess.run([BEXKO, "--help"], capture_output=True, text=True, timeout=30)
-        self.assertEqual(result.returncode, 0)
-        for option in ("--listen", "--token", "--log-level", "--log-file", "--no-modules",
-                       "--max-message-bytes", "libraries", "BEXKO_TOKEN", "BEXKO_LOG_LEVEL",
-                       "listening on ws://", "XDG_CONFIG_HOME", "XDG_DATA_HOME"):
-            self.assertIn(option, result.stdout)
-
-    def test_prints_one_ready_line_and_stops_cleanly_on_each_signal(self):
+    def test_each_signal_stops_it_cleanly_even_while_it_speaks(self):
+        from bexko import BexkoConnectionError, Client
         for sig in (signal.SIGINT, signal.SIGTERM):
-            with self.subTest(signal=sig):
-                daemon = self.daemon().start()
-                self.assertRegex(daemon.url, r"^ws://127\.0\.0\.1:[0-9]+$")
-                self.assertNotEqual(daemon.url, "ws://127.0.0.1:0")
-                from bexko import Client
+            with self.subTest(signal=sig.name):
+                daemon = self.daemon("--log-level", "*=warning,bexko.daemon=info", fast=False)
+                log_file = os.path.join(daemon.root, "records.log")
+                daemon.args += ["--log-file", log_file]
+                self.assertRegex(daemon.start().url, r"^ws://127\.0\.0\.1:[1-9][0-9]*$")
                 client = Client(daemon.url)
-                self.assertIn("ZRTextToSpeech", client.modules())
+                self.addCleanup(client.close)
+                client.call("ZRPreferenceManager", "setValue", "com.example.test", "key", "value")
+                self.assertIsInstance(client.post("ZRTextToSpeech", "say", "A sentence long "
+                                                  "enough to be cut short by the stop."), int)
                 self.assertEqual(daemon.stop(sig), 0)
-                self.assertTrue(client.closed or self._closes(client))
-                self.assertEqual(daemon.process.stdout.closed, True)
-                self.assertIn("stopping", daemon.log())
+                with self.assertRaises(BexkoConnectionError):
+                    client.modules()
+                # Records go to stderr and to the log file, as the level rules admit them.
+                stopping = "info bexko.daemon main: received %s, stopping" % sig.name
+                with open(log_file) as f:
+                    records = f.read()
+                for text in (daemon.log(), records):
+                    self.assertIn(stopping, text)
+                    self.assertNotIn("bexko.gateway", text)
+                # Its files are in the XDG folders, none in HOME.
+                self.assertTrue(os.listdir(os.path.join(daemon.env["XDG_DATA_HOME"], "bexko")))
+                self.assertEqual(os.listdir(daemon.env["HOME"]), [])
 
-    def _closes(self, client):
-        from bexko import BexkoConnectionError
-        try:
-            client.modules()
-        except BexkoConnectionError:
-            return True
-        return False
+    def test_a_usage_error_ends_it_before_it_listens(self):
+        busy = self.daemon("--no-modules").start()
+        cases = [
+            (("--log-level", "*=loudest", "--listen", "127.0.0.1:0"), 2, "loudest"),
+            (("--listen", "127.0.0.1:0", "/nonexistent/libnothing.so"), 1,
+             "cannot load /nonexistent/libnothing.so"),
+            (("--listen", "0.0.0.0:0", "--no-modules"), 1, "needs an access token"),
+            (("--listen", busy.url[len("ws://"):], "--no-modules"), 1, "cannot listen"),
+        ]
+        for args, code, message in cases:
+            with self.subTest(args=args):
+                result = subprocess.run([BEXKO] + list(args), capture_output=True, text=True,
+                                        env=busy.env, timeout=30)
+                self.assertEqual((result.returncode, result.stdout), (code, ""), result.stderr)
+                self.assertIn(message, result.stderr)
 
-    def test_stopping_while_a_say_is_running(self):
-        daemon = self.daemon(fast=False).start()
-        from bexko import Client
-        client = Client(daemon.url)
-        call_id = client.post("ZRTextToSpeech", "say",
-                              "A sentence long enough to be cut short by the stop of the host.")
-        self.assertIsInstance(call_id, int)
-        self.assertEqual(daemon.stop(signal.SIGTERM), 0)
 
-    def test_log_level_and_log_file(self):
-        daemon = self.daemon("--log-level", "*=warning,bexko.gateway=info")
-        log_file = os.path.join(daemon.root, "records.log")
-        daemon.args += ["--log-file", log_file]
-        daemon.start()
-        self.assertEqual(daemon.stop(), 0)
-        with open(log_file) as f:
-            records = f.read()
-        self.assertIn("bexko.gateway", records)
-        self.assertNotIn("info bexko.daemon", records)
+class TokenProtected(DaemonTestCase):
+    DAEMON_ARGS = ("--token", TOKEN)
 
-    def test_a_bad_log_level_is_a_usage_error(self):
-        result = subprocess.run([BEXKO, "--log-level", "*=loudest", "--listen", "127.0.0.1:0"],
-                                capture_output=True, text=True, timeout=30)
-        self.assertEqual(result.returncode, 2)
-        self.assertEqual(result.stdout, "")
+    def test_a_connection_without_the_token_is_refused(self):
+        for url in (self.daemon.url, self.daemon.url + "/?token=guess"):
+            with self.assertRaises(websocket.WebSocketBadStatusException) as caught:
+                websocket.create_connection(url, timeout=10)
+            self.assertEqual(caught.exception.status_code, 401)
+        refused = self.daemon.call("modules")
+        self.assertEqual(refused.returncode, CONNECTION, refused.stderr)
+        self.assertIn("ZRTextToSpeech", self.client(token=TOKEN).modules())
 
-    def test_a_missing_module_library_is_an_error(self):
-        daemon = self.daemon("/nonexistent/libnothing.so")
-        result = subprocess.run([BEXKO, "--listen", "127.0.0.1:0"] + daemon.args,
-                                capture_output=True, text=True, env=daemon.env, timeout=30)
-        self.assertEqual(result.returncode, 1)
-        self.assertEqual(result.stdout, "")
-        self.assertIn("cannot load /nonexistent/libnothing.so", result.stderr)
+    def test_bexko_call_prints_results_and_exits_with_a_code_scripts_can_use(self):
+        cases = [  # stdout is matched when the call succeeds, stderr otherwise
+            (("modules",), OK, r"\bZRTextToSpeech\b"),
+            (("call", "ZRTextToSpeech.setVolume", "0.25"), OK, r"^null$"),
+            (("call", "ZRTextToSpeech.getVolume"), OK, r"^0\.25$"),
+            (("post", "--wait", "ZRTextToSpeech.getVolume"), OK, r"^0\.25$"),
+            (("post", "ZRTextToSpeech.say", "Posted"), OK, r"^[1-9][0-9]*$"),
+            (("stop", "ZRTextToSpeech", "1"), OK, r"^$"),
+            (("describe", "ZRTextToSpeech"), OK, r"sayToFile\(pStringToSay, pFileName\)"),
+            (("call", "ZRTextToSpeech.setLanguage", "Klingon"), CALL_ERROR, "not"),
+            (("call", "ZRNoSuchModule.say", "x"), CALL_ERROR, "no module"),
+            (("describe", "ZRNoSuchModule"), CALL_ERROR, "no module"),
+            (("call", "say"), USAGE, "MODULE.METHOD"),
+            (("frobnicate",), USAGE, "invalid choice"),
+            (("stop", "ZRTextToSpeech", "not-a-number"), USAGE, "invalid int"),
+        ]
+        for args, code, output in cases:
+            with self.subTest(args=args):
+                result = self.daemon.call(*args, token=TOKEN)
+                self.assertEqual(result.returncode, code, result.stderr)
+                self.assertRegex(result.stdout.strip() if code == OK else result.stderr, output)
 
-    def test_files_go_to_the_xdg_folders(self):
-        daemon = self.daemon().start()
-        from bexko import Client
-        client = Client(daemon.url)
-        client.call("ZRPreferenceManager", "setValue", "com.example.test", "key", "value")
-        client.close()
-        self.assertEqual(daemon.stop(), 0)
-        data = os.path.join(daemon.env["XDG_DATA_HOME"], "bexko")
-        self.assertTrue(os.path.isdir(data), os.listdir(daemon.env["XDG_DATA_HOME"]))
-        self.assertTrue(os.listdir(data))
-        self.assertFalse(os.listdir(daemon.env["HOME"]))
-
-    def test_the_port_is_reported_busy(self):
-        first = self.daemon().start()
-        port = first.url.rsplit(":", 1)[1]
-        second = self.daemon()
-        result = subprocess.run([BEXKO, "--listen", "127.0.0.1:" + port, "--no-modules"],
-                                capture_output=True, text=True, env=second.env, timeout=30)
-        self.assertEqual(result.returncode, 1)
-        self.assertIn("cannot listen", result.stderr)
+    def test_bexko_call_watch_prints_each_raise(self):
+        watcher = subprocess.Popen(
+            [sys.executable, BEXKO_CALL, "--url", self.daemon.url, "--token", TOKEN, "watch",
+             "--count", "2", "Test/Watched"], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+            text=True, env=self.daemon.env)
+        self.addCleanup(watcher.kill)
+        # Raised until the watcher has subscribed and seen two values.
+        client = self.client(token=TOKEN)
+        for value in range(1, 600):
+            if watcher.poll() is not None:
+                break
+            client.call("ZRMemory", "raiseEvent", "Test/Watched", value)
+            time.sleep(0.1)
+        out, err = watcher.communicate(timeout=10)
+        self.assertEqual(watcher.returncode, OK, err)
+        (key, first), (_, second) = (line.split(" ", 1) for line in out.splitlines())
+        self.assertEqual((key, int(second)), ("Test/Watched", int(first) + 1))
 
 
 if __name__ == "__main__":
