@@ -12,7 +12,7 @@
 
 namespace sample {
 
-/// What the sample modules did, in order ("init Calculator", "exit Calculator", "stop 3").
+/// What the sample modules did, in order ("init Calculator", "exit Calculator").
 inline bexko::test::Recorder<std::string> journal;
 inline void note(const std::string& entry) { journal.add(entry); }
 
@@ -41,7 +41,6 @@ class Calculator : public ZR::ZRModule {
     ZR::ZRModule::exit();
   }
   void stop(const int& id) override {
-    note("stop " + std::to_string(id));
     std::lock_guard<std::mutex> lock(mutex_);
     stopped_.insert(id);
     changed_.notify_all();
@@ -89,13 +88,11 @@ class Calculator : public ZR::ZRModule {
   int waiting_ = 0;
 };
 
-/// A module with no methods, a signal and the default stop, whose init fails with a ZRError
+/// A module with no methods and the default stop, whose init fails with a ZRError
 /// (initFailure 1) or another exception (2) when told to.
 class Quiet : public ZR::ZRModule {
  public:
-  explicit Quiet(boost::shared_ptr<ZR::ZRBroker> broker) : ZR::ZRModule(broker, "Quiet") {
-    objectBuilder().advertiseSignal("onChange", changed);
-  }
+  explicit Quiet(boost::shared_ptr<ZR::ZRBroker> broker) : ZR::ZRModule(broker, "Quiet") {}
   void init() override {
     note("init Quiet");
     if (initFailure == 1) throw ZR::ZRError("Quiet", "init", "the engine is missing");
@@ -106,7 +103,6 @@ class Quiet : public ZR::ZRModule {
     ZR::ZRModule::exit();
   }
   inline static int initFailure = 0;
-  ko::Signal<int> changed;
 };
 
 /// A broker with a Calculator registered, shut down after the test; the journal starts with

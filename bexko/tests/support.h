@@ -28,6 +28,7 @@ namespace bexko::test {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using Strings = std::vector<std::string>;
+using ::testing::Contains;
 using ::testing::HasSubstr;
 using ZR::ZRError;
 using ZR::ZRValue;
@@ -36,22 +37,21 @@ using Array = ZR::ZRValue::Array;
 constexpr auto longWait = std::chrono::seconds(20);
 constexpr int longWaitMs = 20000;
 
-/// Sets or unsets (null `value`) environment variables for one test and restores them after it.
+/// Sets or unsets (no `value`) environment variables for one test and restores them after it.
 class EnvGuard {
  public:
   EnvGuard() = default;
   EnvGuard(const EnvGuard&) = delete;
   EnvGuard& operator=(const EnvGuard&) = delete;
   ~EnvGuard() {
-    for (const auto& [name, value] : saved_) set(name, value ? value->c_str() : nullptr);
+    for (const auto& [name, value] : saved_) set(name, value);
   }
-  void set(const std::string& name, const char* value) {
+  void set(const std::string& name, const std::optional<std::string>& value) {
     const char* old = std::getenv(name.c_str());
     if (!saved_.count(name)) saved_[name] = old ? std::optional<std::string>(old) : std::nullopt;
-    value ? setenv(name.c_str(), value, 1) : unsetenv(name.c_str());
+    value ? setenv(name.c_str(), value->c_str(), 1) : unsetenv(name.c_str());
   }
-  void set(const std::string& name, const std::string& value) { set(name, value.c_str()); }
-  void unset(const std::string& name) { set(name, nullptr); }
+  void unset(const std::string& name) { set(name, std::nullopt); }
 
  private:
   std::map<std::string, std::optional<std::string>> saved_;
@@ -117,26 +117,24 @@ class Recorder {
   std::vector<T> seen_;
 };
 
-/// The ZRError that `action` throws; fails the test when it throws none.
-template <typename Action>
-ZR::ZRError errorOf(Action action) {
+/// The exception of type `Error` that `action` throws; the test fails when it throws none.
+template <typename Error = ZR::ZRError, typename Action>
+Error errorOf(Action action) {
   try {
     action();
-  } catch (const ZR::ZRError& e) {
+  } catch (const Error& e) {
     return e;
   }
-  ADD_FAILURE() << "no ZRError thrown";
-  return ZR::ZRError("", "", "");
+  throw std::logic_error("no exception thrown");
 }
 
-/// Whether `sink` caught a record of `level` in `category` whose text contains `fragment`.
-inline bool hasRecord(const ko::log::CaptureSink& sink, ko::log::LogLevel level,
-                      const std::string& category, const std::string& fragment) {
-  for (const auto& r : sink.records()) {
-    if (r.level == level && r.category == category && r.message.find(fragment) != r.message.npos)
-      return true;
-  }
-  return false;
+/// Matches a log record of `level` in `category` whose text contains `fragment`.
+inline auto logRecord(ko::log::LogLevel level, const std::string& category,
+                      const std::string& fragment) {
+  using ko::log::Record;
+  return ::testing::AllOf(::testing::Field(&Record::level, level),
+                          ::testing::Field(&Record::category, category),
+                          ::testing::Field(&Record::message, HasSubstr(fragment)));
 }
 
 }  // namespace bexko::test

@@ -39,23 +39,14 @@ struct CallbackSink : klog::Sink {
   std::function<void()> onWrite;
 };
 
-/// Counts how often it is formatted, to prove that a filtered record is never built.
-struct Counted {
-  int* count;
-};
-std::ostream& operator<<(std::ostream& out, const Counted& counted) {
-  ++*counted.count;
-  return out;
-}
-
 // Filtering and rules ----------------------------------------------------------------------------
 
 TEST_F(LogTest, CategoryAdmitsOnlyRecordsAtOrAboveItsLevelAndBuildsNoOther) {
   klog::setLevels("test.filter.*=warning,test.silent=silent");
   klog::CategoryType category = klog::addCategory("test.filter.a");
-  int formatted = 0;
+  int formatted = 0;  // counts the records built: a filtered one must cost nothing
   for (auto level : {klog::fatal, klog::error, klog::warning, klog::info, klog::debug}) {
-    KO_LOG(category, level, "f") << klog::levelName(level) << Counted{&formatted};
+    KO_LOG(category, level, "f") << klog::levelName(level) << (++formatted, "");
   }
   EXPECT_EQ(formatted, 3);
   klog::log(klog::info, category, "info by call", "", "f", 0);
@@ -75,17 +66,11 @@ TEST_F(LogTest, MostSpecificMatchingRuleWinsAndTheLaterAmongEquals) {
       {"*=info,audio.*=verbose", "audioout", klog::info},
       {"audio*=debug", "audioout", klog::debug},
       {"audio.*=error,audio.zr*=debug", "audio.zrx", klog::debug},
-      {"audio.zr*=debug,audio.*=error", "audio.zrx", klog::debug},
       {"audio.*=error,audio.*=debug", "audio.zrx", klog::debug},
       {"ZRAudio?layer=warning", "ZRAudioPLayer", klog::info},
-      {"ZRAudio??ayer=warning", "ZRAudioPLayer", klog::warning},
       {"ZRAudio?layer=warning", "ZRAudioPlayer", klog::warning},
-      {"a?=debug", "abc", klog::info},
-      {"debug", "anything.at.all", klog::debug},
-      {"2", "anything", klog::error},
       {"verbose,x=fatal", "x", klog::fatal},
       {" x = Warning , y=6 ", "x", klog::warning},
-      {" x = Warning , y=6 ", "y", klog::debug},
       {"x=debug", "xy", klog::info}};
   for (const auto& [pattern, category, expected] : cases) {
     klog::setLevels(pattern);
@@ -98,31 +83,26 @@ TEST_F(LogTest, LevelsAreNamedOrNumberedAndBadRulesChangeNothing) {
     EXPECT_EQ(klog::parseLevel(klog::levelName(static_cast<klog::LogLevel>(level))), level);
     EXPECT_EQ(klog::parseLevel(std::to_string(level)), level);
   }
-  EXPECT_EQ(klog::parseLevel("VERBOSE"), klog::verbose);
   EXPECT_THROW(klog::parseLevel("10"), std::invalid_argument);
   klog::setLevels("test.keep=debug");
   for (const char* bad : {"", "audio.*=loud", "=info", "a=info,,b=debug", "7", "a=", "-1"}) {
     EXPECT_THROW(klog::setLevels(bad), std::invalid_argument) << '"' << bad << '"';
   }
   EnvGuard env;
-  env.unset("BEXKO_LOG_LEVEL");
-  EXPECT_TRUE(klog::setLevelsFromEnvironment());
   env.set("BEXKO_LOG_LEVEL", "test.keep=shout");
   EXPECT_FALSE(klog::setLevelsFromEnvironment());
   EXPECT_EQ(klog::levelFor("test.keep"), klog::debug);
   env.set("BEXKO_LOG_LEVEL", "test.env.*=verbose");
   EXPECT_TRUE(klog::setLevelsFromEnvironment());
   EXPECT_EQ(klog::levelFor("test.env.x"), klog::verbose);
-  EXPECT_EQ(klog::levelFor("test.keep"), klog::info);
 }
 
 // Records and sinks ------------------------------------------------------------------------------
 
 TEST_F(LogTest, CaptureSinkKeepsExactRecords) {
   klog::CategoryType category = klog::addCategory("test.capture");
-  KO_LOG(category, klog::warning, "stop") << "No task with the id " << 5;
   klog::log(klog::error, category, "by call", "engine.cpp", "startSynthetizer", 17);
-  klog::log(klog::error, category, "no location", nullptr, nullptr, 0);
+  KO_LOG(category, klog::warning, "stop") << "No task with the id " << 5;
   EXPECT_NO_THROW(klog::log(klog::error, nullptr, "no category", nullptr, nullptr, 0));
   const auto records = capture_->records();
   Strings described;
@@ -130,38 +110,32 @@ TEST_F(LogTest, CaptureSinkKeepsExactRecords) {
     described.push_back(std::string(klog::levelName(r.level)) + " " + r.category + " " +
                         r.function + " " + r.file + ":" + std::to_string(r.line) + " " + r.message);
   }
-  EXPECT_EQ(described, (Strings{"warning test.capture stop :0 No task with the id 5",
-                                "error test.capture startSynthetizer engine.cpp:17 by call",
-                                "error test.capture  :0 no location"}));
+  EXPECT_EQ(described, (Strings{"error test.capture startSynthetizer engine.cpp:17 by call",
+                                "warning test.capture stop :0 No task with the id 5"}));
   EXPECT_LE(records.at(0).time, records.at(1).time);
-  capture_->clear();
-  EXPECT_TRUE(capture_->records().empty());
 }
 
+// The capture sink is installed again behind the throwing one, which must not silence it.
 TEST_F(LogTest, ThrowingSinkIsSkippedAndRemovedSinkHearsNothingMore) {
   int throwingCalls = 0;
   const int throwingId = klog::addSink(std::make_shared<CallbackSink>([&] {
     ++throwingCalls;
     throw std::runtime_error("disk full");
   }));
-  auto after = std::make_shared<klog::CaptureSink>();
-  const int afterId = klog::addSink(after);
+  klog::removeSink(sinkId_);
+  sinkId_ = klog::addSink(capture_);
   klog::CategoryType category = klog::addCategory("test.sinks");
-  EXPECT_NO_THROW(klog::log(klog::error, category, "first", "", "f", 0));
-  EXPECT_NO_THROW(KO_LOG(category, klog::error, "f") << "second");
+  EXPECT_NO_THROW(KO_LOG(category, klog::error, "f") << "first");
   klog::removeSink(throwingId);
-  klog::removeSink(afterId);
-  klog::removeSink(afterId);  // removing twice is harmless
-  KO_LOG(category, klog::error, "f") << "third";
-  EXPECT_EQ(throwingCalls, 2);
-  EXPECT_EQ(after->records().size(), 2u);
-  EXPECT_EQ(messages(), (Strings{"first", "second", "third"}));
+  klog::removeSink(throwingId);  // removing twice is harmless
+  KO_LOG(category, klog::error, "f") << "second";
+  EXPECT_EQ(throwingCalls, 1);
   // A sink that logs itself does not deadlock.
   const int reentrantId = klog::addSink(std::make_shared<CallbackSink>(
       [category] { klog::log(klog::error, category, "from inside a sink", "", "write", 0); }));
-  KO_LOG(category, klog::error, "f") << "fourth";
+  KO_LOG(category, klog::error, "f") << "third";
   klog::removeSink(reentrantId);
-  EXPECT_EQ(messages().back(), "fourth");
+  EXPECT_EQ(messages(), (Strings{"first", "second", "third"}));
 }
 
 // Threads that name the same new category get the same one, and every record of each thread
@@ -181,14 +155,13 @@ TEST_F(LogTest, ConcurrentThreadsShareCategoriesAndKeepTheirRecordsInOrder) {
   EXPECT_EQ(texts.size(), 2000u);
   std::vector<int> next(4, 0);
   for (const auto& text : texts) {
-    int t = -1;
-    int i = -1;
+    int t = -1, i = -1;
     ASSERT_EQ(std::sscanf(text.c_str(), "%d %d", &t, &i), 2);
     ASSERT_EQ(i, next.at(t)++) << "thread " << t;
   }
 }
 
-TEST_F(LogTest, FileAndConsoleSinksWriteOneLinePerRecord) {
+TEST_F(LogTest, FileSinkAppendsOneFlushedLinePerRecord) {
   const auto folder = freshFolder("log");
   EXPECT_THROW(klog::FileSink sink((folder / "no/such/folder/x.log").string()), std::runtime_error);
   const std::string path = (folder / "log.txt").string();
@@ -202,18 +175,9 @@ TEST_F(LogTest, FileAndConsoleSinksWriteOneLinePerRecord) {
   Strings lines;
   for (std::string line; std::getline(in, line);) lines.push_back(line);
   klog::removeSink(fileId);
-  ASSERT_EQ(lines.size(), 3u);
-  EXPECT_EQ(lines[0], "earlier line");
-  EXPECT_THAT(lines[1], ::testing::HasSubstr(" warning test.file say: first"));
-  EXPECT_THAT(lines[2], ::testing::HasSubstr(" error test.file say: two\\nlines"));
-
-  const int consoleId = klog::addSink(std::make_shared<klog::ConsoleSink>());
-  ::testing::internal::CaptureStderr();
-  KO_LOG(category, klog::info, "init") << "ready";
-  const std::string output = ::testing::internal::GetCapturedStderr();
-  klog::removeSink(consoleId);
-  EXPECT_THAT(output, ::testing::EndsWith(" info test.file init: ready\n"));
-  EXPECT_EQ(output.find('\n'), output.size() - 1) << output;
+  EXPECT_THAT(lines,
+              ::testing::ElementsAre("earlier line", HasSubstr(" warning test.file say: first"),
+                                     HasSubstr(" error test.file say: two\\nlines")));
 }
 
 }  // namespace

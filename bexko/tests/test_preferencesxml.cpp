@@ -4,7 +4,6 @@
 #include <cfloat>
 #include <climits>
 #include <cmath>
-#include <iterator>
 #include <limits>
 
 #include "support.h"
@@ -28,18 +27,18 @@ ZRValue everyType() {
 }
 
 TEST(PreferenceXmlFormat, MatchesTheDocumentedLayout) {
-  const std::string expected =
-      "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-      "<preferences version=\"1\">\n"
-      "  <value type=\"array\">\n"
-      "    <value type=\"string\">English</value>\n"
-      "    <value type=\"int\">3</value>\n"
-      "    <value type=\"float\">1.5</value>\n"
-      "    <value type=\"bool\">true</value>\n"
-      "    <value type=\"empty\" />\n"
-      "  </value>\n"
-      "</preferences>\n";
-  EXPECT_EQ(ZR::formatPreferenceXml(ZRValue(Array{"English", 3, 1.5f, true, ZRValue()})), expected);
+  EXPECT_EQ(ZR::formatPreferenceXml(ZRValue(Array{"English", 3, 1.5f, true, ZRValue()})),
+            R"(<?xml version="1.0" encoding="UTF-8"?>
+<preferences version="1">
+  <value type="array">
+    <value type="string">English</value>
+    <value type="int">3</value>
+    <value type="float">1.5</value>
+    <value type="bool">true</value>
+    <value type="empty" />
+  </value>
+</preferences>
+)");
 }
 
 TEST(PreferenceXmlFormat, TextRoundTripsEveryTypeExactly) {
@@ -72,19 +71,14 @@ TEST(PreferenceXmlParse, MalformedTextThrowsWithReason) {
   const std::pair<std::string, const char*> cases[] = {
       // text, reason
       {"this is not xml", "malformed XML"},
-      {R"(<preferences><value type="int">3</value>)", "malformed XML"},
-      {"", "malformed XML"},
       {R"(<prefs><value type="int">1</value></prefs>)", "<prefs>"},
       {"<preferences/>", "exactly one <value>"},
       {inPreferences(R"(<value type="int">1</value><value type="int">2</value>)"),
        "exactly one <value>"},
-      {inPreferences("<item/>"), "exactly one <value>"},
       {R"(<preferences version="2"><value type="int">1</value></preferences>)", "version \"2\""},
       {inPreferences("<value>1</value>"), "without a type"},
       {inPreferences(R"(<value type="double">1</value>)"), "unknown value type \"double\""},
       {inPreferences(R"(<value type="int">3x</value>)"), "\"3x\" is not an int"},
-      {inPreferences(R"(<value type="int">99999999999</value>)"), "is not an int"},
-      {inPreferences(R"(<value type="int"></value>)"), "is not an int"},
       {inPreferences(R"(<value type="float">1,5</value>)"), "is not a float"},
       {inPreferences(R"(<value type="bool">yes</value>)"), "is not a bool"},
       {inPreferences(R"(<value type="int"><value type="int">1</value></value>)"),
@@ -105,9 +99,9 @@ TEST(PreferenceXmlParse, MalformedTextThrowsWithReason) {
 
 class PreferenceXmlFile : public ::testing::Test {
  protected:
-  Strings folderEntries(const fs::path& folder = {}) const {
+  static Strings folderEntries(const fs::path& folder) {
     Strings names;
-    for (const auto& entry : fs::directory_iterator(folder.empty() ? folder_ : folder)) {
+    for (const auto& entry : fs::directory_iterator(folder)) {
       names.push_back(entry.path().filename().string());
     }
     std::sort(names.begin(), names.end());
@@ -116,45 +110,23 @@ class PreferenceXmlFile : public ::testing::Test {
   const fs::path folder_ = freshFolder("prefs");
 };
 
-TEST_F(PreferenceXmlFile, WriteThenReadRoundTripsAndLeavesNoTemporary) {
-  const std::string file = (folder_ / "a" / "b" / "prefs.xml").string();  // folders are created
+// A writer that died between creating its temporary file and renaming it leaves a half-written
+// temporary beside the intact old file: neither a read nor the next write is disturbed by it.
+TEST_F(PreferenceXmlFile, WriteReplacesTheFileWholeAndSurvivesACrashLeftover) {
+  const fs::path folder = folder_ / "a" / "b";  // created by the write
+  const std::string file = (folder / "prefs.xml").string();
   ZR::writePreferenceXml(file, everyType());
   EXPECT_EQ(ZR::readPreferenceXml(file), everyType());
-  EXPECT_EQ(folderEntries(folder_ / "a" / "b"), Strings{"prefs.xml"});
+  EXPECT_EQ(folderEntries(folder), Strings{"prefs.xml"});
+  const std::string oldText = ZR::formatPreferenceXml(everyType());
+  std::ofstream(file + ".tmp-Ab12Cd") << oldText.substr(0, oldText.size() / 2);
+  EXPECT_EQ(ZR::readPreferenceXml(file), everyType());
 
-  // A rewrite replaces the content and keeps the permissions.
-  fs::permissions(file, fs::perms(0640));
+  fs::permissions(file, fs::perms(0640));  // kept by a rewrite
   ZR::writePreferenceXml(file, ZRValue("new"));
   EXPECT_EQ(ZR::readPreferenceXml(file), ZRValue("new"));
   EXPECT_EQ(fs::status(file).permissions() & fs::perms::mask, fs::perms(0640));
-}
-
-TEST_F(PreferenceXmlFile, CrashLeftoverDoesNotDisturbReadOrNextWrite) {
-  // A writer that died between creating its temporary file and renaming it leaves the
-  // temporary beside an intact old file.
-  const fs::path file = folder_ / "prefs.xml";
-  ZR::writePreferenceXml(file.string(), ZRValue(Array{"old", 1}));
-  std::ifstream in(file, std::ios::binary);
-  const std::string oldText((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  const fs::path leftover = folder_ / "prefs.xml.tmp-Ab12Cd";
-  std::ofstream(leftover) << oldText.substr(0, oldText.size() / 2);
-
-  EXPECT_EQ(ZR::readPreferenceXml(file.string()), ZRValue(Array{"old", 1}));
-  ZR::writePreferenceXml(file.string(), ZRValue(Array{"new", 2}));
-  EXPECT_EQ(ZR::readPreferenceXml(file.string()), ZRValue(Array{"new", 2}));
-  EXPECT_EQ(folderEntries(), (Strings{"prefs.xml", "prefs.xml.tmp-Ab12Cd"}));
-}
-
-TEST_F(PreferenceXmlFile, ReadErrorsNameTheFileAndTheReason) {
-  const std::string missing = (folder_ / "absent.xml").string();
-  const std::string broken = (folder_ / "broken.xml").string();
-  std::ofstream(broken) << R"(<preferences><value type="int">x</value></preferences>)";
-  for (const auto& [file, reason] :
-       {std::pair(missing, "No such file"), std::pair(broken, "\"x\" is not an int")}) {
-    const ZRError e = errorOf([&file = file] { ZR::readPreferenceXml(file); });
-    EXPECT_EQ(e.moduleName() + "::" + e.methodName(), "ZRPreferences::readPrefFile");
-    EXPECT_THAT(e.what(), ::testing::AllOf(HasSubstr(file), HasSubstr(reason)));
-  }
+  EXPECT_EQ(folderEntries(folder), (Strings{"prefs.xml", "prefs.xml.tmp-Ab12Cd"}));
 }
 
 TEST_F(PreferenceXmlFile, FailedWriteKeepsTheTargetAndRemovesTheTemporary) {
@@ -165,7 +137,7 @@ TEST_F(PreferenceXmlFile, FailedWriteKeepsTheTargetAndRemovesTheTemporary) {
   EXPECT_EQ(replace.moduleName() + "::" + replace.methodName(), "ZRPreferences::writePrefFile");
   EXPECT_THAT(replace.what(), HasSubstr(target.string()));
   EXPECT_TRUE(fs::is_directory(target / "inside"));
-  EXPECT_EQ(folderEntries(), Strings{"occupied.xml"});
+  EXPECT_EQ(folderEntries(folder_), Strings{"occupied.xml"});
 
   std::ofstream(folder_ / "plain-file") << "x";
   const ZRError folder = errorOf(
