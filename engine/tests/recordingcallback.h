@@ -1,18 +1,12 @@
 #pragma once
 
 #include <algorithm>
-#include <chrono>
-#include <functional>
-#include <iterator>
 #include <mutex>
-#include <thread>
 #include <vector>
 
 #include <zr/tts/texttospeechenginecallbackinterface.h>
 
-namespace bexko {
-namespace engine {
-namespace testing {
+namespace bexko::engine::testing {
 
 /// Records what an engine reports: every event with the audio bytes delivered before it.
 class RecordingCallback : public TextToSpeechEngineCallbackInterface {
@@ -39,8 +33,9 @@ class RecordingCallback : public TextToSpeechEngineCallbackInterface {
   std::vector<Event> events(int type = -1) const {
     std::lock_guard<std::mutex> lock(mutex_);
     std::vector<Event> selected;
-    std::copy_if(events_.begin(), events_.end(), std::back_inserter(selected),
-                 [&](const Event& e) { return type < 0 || e.event == type; });
+    for (const Event& e : events_) {
+      if (type < 0 || e.event == type) selected.push_back(e);
+    }
     return selected;
   }
   /// The values of the events of one type (word indexes, mark numbers), in order.
@@ -66,16 +61,4 @@ class RecordingCallback : public TextToSpeechEngineCallbackInterface {
   unsigned long long largestBlockBytes_ = 0;
 };
 
-/// Polls `condition` until it holds (true) or `timeoutMs` has passed (false).
-inline bool eventually(const std::function<bool()>& condition, int timeoutMs) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() >= deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return true;
-}
-
-}  // namespace testing
-}  // namespace engine
-}  // namespace bexko
+}  // namespace bexko::engine::testing

@@ -4,7 +4,6 @@
 #include <limits>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <boost/filesystem.hpp>
 
 #include <zr/zrpreferencesproxy.h>
@@ -13,35 +12,16 @@ namespace {
 
 namespace fs = boost::filesystem;
 using namespace ::testing;
+using Array = ZR::ZRValue::Array;
 
-// Pieces of a preference file: an array, a [key, value] entry (a value not written as XML is a
-// string), the file around one value.
-std::string array(const std::string& items) {
-  return "<value type=\"array\">" + items + "</value>";
-}
-std::string entry(const std::string& key, const std::string& value) {
-  const auto xml = [](const std::string& v) {
-    return v.compare(0, 6, "<value") == 0 ? v : "<value type=\"string\">" + v + "</value>";
-  };
-  return array(xml(key) + xml(value));
-}
-std::string file(const std::string& value) {
-  return "<preferences version=\"1\">" + value + "</preferences>";
-}
-
-class VoiceSettingFiles : public ::testing::Test {
+class VoiceSettingFiles : public Test {
  protected:
-  VoiceSettingFiles() { fs::create_directories(folder_); }
+  VoiceSettingFiles() { fs::create_directories(folder_ / "voices"); }
   ~VoiceSettingFiles() override {
     boost::system::error_code ignored;
     fs::remove_all(folder_, ignored);
   }
-  std::string write(const std::string& name, const std::string& content) {
-    const fs::path path = folder_ / name;
-    fs::create_directories(path.parent_path());
-    std::ofstream(path.string()) << content;
-    return path.string();
-  }
+  std::string path(const std::string& name) const { return (folder_ / name).string(); }
   const fs::path folder_ = fs::temp_directory_path() / fs::unique_path("bexko-voice-%%%%-%%%%");
 };
 
@@ -76,7 +56,7 @@ TEST_F(VoiceSettingFiles, AWrittenSettingReadsBackEqualFromItsFileAndItsValue) {
        {{"pitchShift", 1.25f}, {"speed", 133.33333f}, {"doubleVoiceTimeShift", 0.1f}}},
       {ZR::UNDEFINED, "UNDEFINED", "voix \xC3\xA9t\xC3\xA9", {{"voiceLevel", 0.0f}}},
   };
-  const std::string path = (folder_ / "ZRTextToSpeech_DefaultVoiceEnglish.xml").string();
+  const std::string file = path("ZRTextToSpeech_DefaultVoiceEnglish.xml");
   for (const Case& c : cases) {
     SCOPED_TRACE(c.value);
     ZR::VoiceSetting setting(c.type, c.value);
@@ -85,53 +65,50 @@ TEST_F(VoiceSettingFiles, AWrittenSettingReadsBackEqualFromItsFileAndItsValue) {
     EXPECT_EQ(value[0],
               (ZR::ZRValue::array<std::string, std::string>("name", "DefaultVoiceEnglish")));
     EXPECT_EQ(value[1], (ZR::ZRValue::array<std::string, std::string>("type", c.typeName)));
-    EXPECT_EQ(value[3][1][0][0], ZR::ZRValue("defaultVoiceSpeed"));  // parameters in name order
-    ZR::writePreferenceXml(path, value);
-    EXPECT_EQ(ZR::makeVoiceSettingFromXml(path), setting);
-    EXPECT_EQ(ZR::makeVoiceSettingFromSysXml(ZR::readPreferenceXml(path), "DefaultVoiceEnglish"),
+    ZR::writePreferenceXml(file, value);
+    EXPECT_EQ(ZR::makeVoiceSettingFromXml(file), setting);
+    EXPECT_EQ(ZR::makeVoiceSettingFromSysXml(ZR::readPreferenceXml(file), "DefaultVoiceEnglish"),
               setting);
   }
 }
 
-TEST_F(VoiceSettingFiles, AFileWithSomeParametersKeepsTheOtherDefaults) {
-  const std::string path = write(
-      "partial.xml",
-      file(array(entry("value", "de") + entry("type", "VOICE") +
-                 entry("parameters",
-                       array(entry("defaultVoiceSpeed", "<value type=\"int\">120</value>"))))));
+TEST(VoiceSetting, AValueWithSomeParametersKeepsTheOtherDefaults) {
   ZR::VoiceSetting expected(ZR::VOICE, "de");
   expected.parameters["defaultVoiceSpeed"] = 120.0f;
-  EXPECT_EQ(ZR::makeVoiceSettingFromXml(path), expected);
+  const ZR::ZRValue value = Array{Array{"value", "de"}, Array{"type", "VOICE"},
+                                  Array{"parameters", Array{Array{"defaultVoiceSpeed", 120}}}};
+  EXPECT_EQ(ZR::makeVoiceSettingFromSysXml(value, "Partial"), expected);
 }
 
-TEST_F(VoiceSettingFiles, UnreadableSettingsThrowNamingTheReaderAndTheSetting) {
-  const auto error = [](const std::string& method, const std::string& named) {
-    return Throws<ZR::ZRError>(
-        Property(&ZR::ZRError::toString,
-                 AllOf(StartsWith("TextToSpeech::" + method + ": "), HasSubstr(named))));
+TEST_F(VoiceSettingFiles, UnreadableSettingsThrowNamingTheReaderTheSettingAndTheReason) {
+  const auto error = [](const std::string& method, const std::string& named,
+                        const std::string& reason) {
+    return Throws<ZR::ZRError>(Property(
+        &ZR::ZRError::toString,
+        AllOf(StartsWith("TextToSpeech::" + method + ": "), HasSubstr(named), HasSubstr(reason))));
   };
-  for (const std::string& path :
-       {(folder_ / "missing.xml").string(), write("notxml.xml", "this is not XML"),
-        write("noarray.xml", file("<value type=\"int\">3</value>")),
-        write("notype.xml", file(array(entry("value", "x")))),
-        write("badtype.xml", file(array(entry("type", "ROBOT")))),
-        write("badparameter.xml",
-              file(array(entry("type", "VOICE") +
-                         entry("parameters", array(entry("speed", "fast"))))))}) {
-    EXPECT_THAT([&] { ZR::makeVoiceSettingFromXml(path); }, error("makeVoiceSettingFromXml", path));
+  const std::pair<ZR::ZRValue, const char*> unreadable[] = {
+      {3, "not an array"},
+      {Array{Array{"value", "x"}}, "no type"},
+      {Array{Array{"type", "ROBOT"}}, "ROBOT"},
+      {Array{Array{"type", "VOICE"}, Array{"parameters", Array{Array{"speed", "fast"}}}},
+       "bad parameter"}};
+  for (const auto& u : unreadable) {
+    EXPECT_THAT([&] { ZR::makeVoiceSettingFromSysXml(u.first, "BexOfficialVoiceEnglish"); },
+                error("makeVoiceSettingFromSysXml", "BexOfficialVoiceEnglish", u.second));
   }
-  EXPECT_THAT([] { ZR::makeVoiceSettingFromSysXml(ZR::ZRValue(3), "BexOfficialVoiceEnglish"); },
-              error("makeVoiceSettingFromSysXml", "BexOfficialVoiceEnglish"));
+  ZR::writePreferenceXml(path("notype.xml"), unreadable[1].first);
+  EXPECT_THAT([&] { ZR::makeVoiceSettingFromXml(path("notype.xml")); },
+              error("makeVoiceSettingFromXml", path("notype.xml"), "no type"));
+  EXPECT_THAT([&] { ZR::makeVoiceSettingFromXml(path("missing.xml")); },
+              error("makeVoiceSettingFromXml", path("missing.xml"), "cannot read"));
 }
 
 TEST_F(VoiceSettingFiles, RetrieveFindsTheVoicesFileOfItsInstallFolderOnly) {
-  const std::string found = write("voices/en-us.xml", "<preferences/>");
-  write("outside.xml", "<preferences/>");  // a voice name cannot lead out of the folder
-  const std::string folder = folder_.string();
-  EXPECT_EQ(fs::path(ZR::xRetrieveVoiceSettingsFile("en-us", folder)), fs::path(found));
-  EXPECT_EQ(ZR::xRetrieveVoiceSettingsFile("fr-fr", folder) +
-                ZR::xRetrieveVoiceSettingsFile("../outside", folder) +
-                ZR::xRetrieveVoiceSettingsFile("", folder) +
+  std::ofstream(path("voices/en-us.xml")) << "<preferences/>";
+  std::ofstream(path("outside.xml")) << "<preferences/>";  // a voice name cannot lead out
+  EXPECT_EQ(ZR::xRetrieveVoiceSettingsFile("en-us", folder_.string()), path("voices/en-us.xml"));
+  EXPECT_EQ(ZR::xRetrieveVoiceSettingsFile("../outside", folder_.string()) +
                 ZR::xRetrieveVoiceSettingsFile("en-us", ""),
             "");
 }
