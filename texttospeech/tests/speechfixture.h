@@ -1,7 +1,7 @@
 #pragma once
 
-// A speech service on the test host, speaking English through the scripted engine backend,
-// for the tests of start-up, speech tasks, engine events, bookmarks and stress.
+// The speech service on the test host with the scripted engine backend, and the helpers its
+// tests share.
 
 #include <chrono>
 #include <functional>
@@ -14,22 +14,16 @@
 #include <bexko/testing/scriptedbackend.h>
 #include <bexko/testing/testhost.h>
 #include <ko/log.h>
+#include <zr/tts/voicesetting.h>
 #include <zr/zrerror.h>
+#include <zr/zrpreferencesproxy.h>
 #include <zr/zrtexttospeech.h>
 
 namespace bexko::testing {
 
-inline const std::string kServiceCategory = "audio.zrtexttospeech.main";
+using ::testing::ElementsAre;
 
-/// Raised events as text without the service's prefix, `Status=[1, "done"]`, so that sequences
-/// compare and print well.
-inline std::vector<std::string> describe(const std::vector<RaisedEvent>& events) {
-  std::vector<std::string> out;
-  for (const RaisedEvent& event : events) {
-    out.push_back(event.key.substr(event.key.find('/') + 1) + "=" + event.value.toDebugString());
-  }
-  return out;
-}
+inline const std::string kServiceCategory = "audio.zrtexttospeech.main";
 
 /// Polls `condition` until it holds or `timeoutMs` passes.
 inline bool eventually(const std::function<bool()>& condition, int timeoutMs = 5000) {
@@ -38,16 +32,6 @@ inline bool eventually(const std::function<bool()>& condition, int timeoutMs = 5
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }
   return condition();
-}
-
-/// The texts the service logged at `level` under `function`, in order.
-inline std::vector<std::string> serviceLogTexts(const TestHost& host, const std::string& function,
-                                                ko::log::LogLevel level) {
-  std::vector<std::string> texts;
-  for (const ko::log::Record& record : host.logRecords(kServiceCategory)) {
-    if (record.function == function && record.level == level) texts.push_back(record.message);
-  }
-  return texts;
 }
 
 /// Bytes of `ms` milliseconds of audio in the host's default format (22050 Hz, 2 channels,
@@ -66,33 +50,79 @@ inline std::string errorOf(const std::function<void()>& call) {
   return "";
 }
 
-/// The service started on the test host with English chosen and served by the scripted
-/// backend; the events of the start-up are kept apart, then they and its logs are cleared.
+/// A package declaring `locales`, all served by the scripted backend.
+inline ko::PackageInfo scriptedPackage(const std::string& identifier,
+                                       const std::vector<std::string>& locales) {
+  ko::PackageInfo package;
+  package.setIdentifier(identifier);
+  package.setName(identifier);
+  package.setVersion("1.0");
+  for (const std::string& locale : locales) package.addLanguage({locale, "tts_scripted"});
+  return package;
+}
+
+/// Writes a voice-settings file as the engine library reads them.
+inline void writeVoiceSettings(const std::string& path, const ZR::VoiceSetting& setting,
+                               const std::string& name) {
+  ZR::writePreferenceXml(path, ZR::formatVoicePreferences(setting, name));
+}
+
+/// The scripted backend serves "English" (voices Kenny, its default, and Sam) and "French"
+/// (voice Julie); a package declares the `locales` (none: no package) and "ChosenLanguage" is
+/// `chosenLanguage`. Derived fixtures change these in their constructor. SetUp starts the
+/// service, keeps the events of the start-up apart, then clears them, its logs and its engine
+/// calls.
 class SpeechServiceTest : public ::testing::Test {
  protected:
-  SpeechServiceTest() { backend.addVoice("Kenny", "English"); }
-
-  void SetUp() override {
-    ko::PackageInfo package;
-    package.setIdentifier("scripted-en");
-    package.setName("Scripted English");
-    package.setVersion("1.0");
-    package.addLanguage(ko::LanguageInfo("en_US", "tts_scripted"));
-    host.addPackage(package);
-    host.setPreference("com.veltra.robotwebpage", "ChosenLanguage", std::string("English"));
-    tts = ZR::ZRModule::createModule<ZR::ZRTextToSpeech>(host.broker());
-    startupEvents = describe(host.events("ZRTextToSpeech/"));
-    host.clearEvents();
-    host.clearLogs();
+  explicit SpeechServiceTest(TestHostOptions options = {}) : host(options) {
+    backend.addVoice("Kenny", "English");
+    backend.addVoice("Sam", "English");
+    backend.addVoice("Julie", "French");
   }
 
-  /// The service's events (or those of one key) raised since the start-up, described.
+  void SetUp() override {
+    start();
+    startupEvents = serviceEvents();
+    host.clearEvents();
+    host.clearLogs();
+    backend.clearCalls();
+  }
+  void start() {
+    if (!locales.empty()) host.addPackage(scriptedPackage("scripted", locales));
+    if (!chosenLanguage.isEmpty()) {
+      host.setPreference("com.veltra.robotwebpage", "ChosenLanguage", chosenLanguage);
+    }
+    tts = ZR::ZRModule::createModule<ZR::ZRTextToSpeech>(host.broker());
+  }
+
+  /// The service's events (or those of one key) raised since the start-up, as text without the
+  /// service's prefix, `Status=[1, "done"]`, so that sequences compare and print well.
   std::vector<std::string> serviceEvents(const std::string& key = "ZRTextToSpeech/") const {
-    return describe(host.events(key));
+    std::vector<std::string> out;
+    for (const RaisedEvent& event : host.events(key)) {
+      out.push_back(event.key.substr(event.key.find('/') + 1) + "=" + event.value.toDebugString());
+    }
+    return out;
   }
   std::vector<std::string> statusEvents() const {
     return serviceEvents(ZR::ZRTextToSpeech::strStatusEvent);
   }
+  /// The texts the service logged at `level` under `function`, in order.
+  std::vector<std::string> logs(const std::string& function, ko::log::LogLevel level) const {
+    std::vector<std::string> texts;
+    for (const ko::log::Record& record : host.logRecords(kServiceCategory)) {
+      if (record.function == function && record.level == level) texts.push_back(record.message);
+    }
+    return texts;
+  }
+  std::string configFile(const std::string& name) const { return host.configDir() + "/" + name; }
+  /// The file in which setLanguageDefaultVoice keeps the default voice of `language`.
+  std::string defaultVoiceFile(const std::string& language) const {
+    return configFile("ZRTextToSpeech_DefaultVoice" + language + ".xml");
+  }
+
+  std::vector<std::string> locales{"en_US", "fr_FR"};
+  ZR::ZRValue chosenLanguage{std::string("English")};
 
   // The backend outlives the host, whose shutdown releases the service and its engine.
   ScriptedBackend backend;

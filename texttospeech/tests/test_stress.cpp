@@ -3,6 +3,7 @@
 #include <zr/zrtexttospeech.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <map>
 
 #include "speechfixture.h"
@@ -13,10 +14,7 @@ namespace {
 using ZR::TTS_EVENT_MARKER;
 using ZR::TTS_EVENT_WORD;
 
-class StressTest : public SpeechServiceTest {
- protected:
-  StressTest() { backend.addVoice("Sam", "English"); }
-};
+using StressTest = SpeechServiceTest;
 
 TEST_F(StressTest, SayersAndStoppersTogetherEndEveryTaskExactlyOnce) {
   host.addFakeModule("ZRAnimatedSpeech").addMethod("_mrkpauseCallback", 1);
@@ -31,15 +29,17 @@ TEST_F(StressTest, SayersAndStoppersTogetherEndEveryTaskExactlyOnce) {
   backend.setBlocking(true);
 
   std::atomic<bool> running{true};
-  std::atomic<int> sayCalls{0}, sayErrors{0}, otherErrors{0};
+  std::atomic<int> sayCalls{0}, sayErrors{0}, otherErrors{0}, inside{0};
   std::vector<std::thread> threads;
   // Each thread repeats its action every few milliseconds until the end.
-  const auto every = [&threads, &running](int ms, std::function<void()> action) {
-    threads.emplace_back([&running, ms, action] {
+  const auto every = [&](int ms, std::function<void()> action) {
+    ++inside;
+    threads.emplace_back([&running, &inside, ms, action] {
       while (running) {
         action();
         std::this_thread::sleep_for(std::chrono::milliseconds(ms));
       }
+      --inside;
     });
   };
   for (int sayer = 0; sayer < 3; ++sayer) {
@@ -59,10 +59,8 @@ TEST_F(StressTest, SayersAndStoppersTogetherEndEveryTaskExactlyOnce) {
   every(11, [&] { tts->stopAll(); });
   // Aims at recent identifiers: some are running, some are long gone.
   every(7, [&] { tts->stop(sayCalls.load() - 1); });
-  every(40, [&] {
-    backend.failNext("setCurrentVoice",
-                     ZR::ZRError("TextToSpeech", "setCurrentVoice", "injected failure"));
-  });
+  const ZR::ZRError injected("TextToSpeech", "setCurrentVoice", "injected failure");
+  every(40, [&] { backend.failNext("setCurrentVoice", injected); });
   every(13, [&] {
     tts->pause();
     tts->resume();
@@ -70,10 +68,17 @@ TEST_F(StressTest, SayersAndStoppersTogetherEndEveryTaskExactlyOnce) {
 
   std::this_thread::sleep_for(std::chrono::seconds(3));
   running = false;
-  // Turning blocking off lets every sentence still in the engine end, so every thread leaves; a
-  // say that never returns hangs the test here.
+  // Turning blocking off lets every sentence still in the engine end, so every thread leaves. A
+  // say that never returns fails the test: the host's shut-down then stops every task, and a
+  // thread that still does not leave ends the run rather than hang it.
   backend.setBlocking(false);
+  if (!eventually([&] { return inside == 0; }, 30000)) {
+    ADD_FAILURE() << inside << " threads still inside the service after 30 s";
+    host.broker()->shutdown();
+    if (!eventually([&] { return inside == 0; }, 10000)) std::abort();
+  }
   for (std::thread& thread : threads) thread.join();
+  if (HasFailure()) return;  // a thread got stuck: the service is gone
   EXPECT_EQ(otherErrors.load(), 0);
 
   // Every task's statuses in order: "enqueued", at most one "started", exactly one final word.
