@@ -23,9 +23,7 @@ class Daemon:
 
     def __init__(self, *args, fast=True):
         self.root = tempfile.mkdtemp(prefix="bexko-it-")
-        self.env = {k: v for k, v in os.environ.items()
-                    if k not in ("BEXKO_TOKEN", "BEXKO_URL", "BEXKO_LOG_LEVEL",
-                                 "BEXKO_ENGINE_FAST")}
+        self.env = {k: v for k, v in os.environ.items() if not k.startswith("BEXKO_")}
         for name, sub in (("HOME", "home"), ("XDG_CONFIG_HOME", "config"),
                           ("XDG_DATA_HOME", "data"), ("XDG_CACHE_HOME", "cache"),
                           ("XDG_CONFIG_DIRS", "config-system"), ("XDG_DATA_DIRS", "data-system")):
@@ -65,8 +63,8 @@ class Daemon:
         return self.process.returncode
 
     def log(self):
-        with open(self.log_path, "rb") as f:
-            return f.read().decode("utf-8", "replace")
+        with open(self.log_path, encoding="utf-8", errors="replace") as f:
+            return f.read()
 
     def cleanup(self):
         self.stop()

@@ -1,16 +1,19 @@
-# The daemon itself (its signals, usage errors, files and log), its access token, and bexko-call
-# from the shell.
+# The daemon itself (its signals, usage errors, files and log), bad input, which never takes it
+# down, its access token, and bexko-call from the shell.
 
+import concurrent.futures
+import json
 import os
+import pathlib
 import signal
+import socket
 import subprocess
-import sys
 import time
 import unittest
 
 import websocket
 
-from bexkodaemon import BEXKO, BEXKO_CALL, Daemon, DaemonTestCase
+from bexkodaemon import BEXKO, Daemon, DaemonTestCase
 
 TOKEN = "integration-s3cret"
 OK, CALL_ERROR, USAGE, CONNECTION = 0, 1, 2, 3
@@ -18,32 +21,24 @@ OK, CALL_ERROR, USAGE, CONNECTION = 0, 1, 2, 3
 
 class DaemonLifeCycle(unittest.TestCase):
 
-    def daemon(self, *args, **kwargs):
-        daemon = Daemon(*args, **kwargs)
-        self.addCleanup(daemon.cleanup)
-        return daemon
-
     def test_each_signal_stops_it_cleanly_even_while_it_speaks(self):
         from bexko import BexkoConnectionError, Client
         for sig in (signal.SIGINT, signal.SIGTERM):
             with self.subTest(signal=sig.name):
-                daemon = self.daemon("--log-level", "*=warning,bexko.daemon=info", fast=False)
+                daemon = Daemon("--log-level", "*=warning,bexko.daemon=info", fast=False)
+                self.addCleanup(daemon.cleanup)
                 log_file = os.path.join(daemon.root, "records.log")
                 daemon.args += ["--log-file", log_file]
                 self.assertRegex(daemon.start().url, r"^ws://127\.0\.0\.1:[1-9][0-9]*$")
                 client = Client(daemon.url)
                 self.addCleanup(client.close)
                 client.call("ZRPreferenceManager", "setValue", "com.example.test", "key", "value")
-                self.assertIsInstance(client.post("ZRTextToSpeech", "say", "A sentence long "
-                                                  "enough to be cut short by the stop."), int)
+                client.post("ZRTextToSpeech", "say", "A sentence long enough to be cut short.")
                 self.assertEqual(daemon.stop(sig), 0)
-                with self.assertRaises(BexkoConnectionError):
-                    client.modules()
+                self.assertRaises(BexkoConnectionError, client.modules)
                 # Records go to stderr and to the log file, as the level rules admit them.
                 stopping = "info bexko.daemon main: received %s, stopping" % sig.name
-                with open(log_file) as f:
-                    records = f.read()
-                for text in (daemon.log(), records):
+                for text in (daemon.log(), pathlib.Path(log_file).read_text()):
                     self.assertIn(stopping, text)
                     self.assertNotIn("bexko.gateway", text)
                 # Its files are in the XDG folders, none in HOME.
@@ -51,13 +46,14 @@ class DaemonLifeCycle(unittest.TestCase):
                 self.assertEqual(os.listdir(daemon.env["HOME"]), [])
 
     def test_a_usage_error_ends_it_before_it_listens(self):
-        busy = self.daemon("--no-modules").start()
+        busy = Daemon("--no-modules")
+        self.addCleanup(busy.cleanup)
         cases = [
             (("--log-level", "*=loudest", "--listen", "127.0.0.1:0"), 2, "loudest"),
             (("--listen", "127.0.0.1:0", "/nonexistent/libnothing.so"), 1,
              "cannot load /nonexistent/libnothing.so"),
             (("--listen", "0.0.0.0:0", "--no-modules"), 1, "needs an access token"),
-            (("--listen", busy.url[len("ws://"):], "--no-modules"), 1, "cannot listen"),
+            (("--listen", busy.start().url[len("ws://"):], "--no-modules"), 1, "cannot listen"),
         ]
         for args, code, message in cases:
             with self.subTest(args=args):
@@ -67,33 +63,94 @@ class DaemonLifeCycle(unittest.TestCase):
                 self.assertIn(message, result.stderr)
 
 
+def rpc(request_id, method, params):
+    return json.dumps({"jsonrpc": "2.0", "id": request_id, "method": method, "params": params})
+
+
+# Each bad frame gets a JSON-RPC error or a clean close, and the daemon goes on serving every
+# other client.
+class BadInput(DaemonTestCase):
+
+    def raw(self):
+        ws = websocket.create_connection(self.daemon.url, timeout=20)
+        self.addCleanup(ws.close)
+        return ws
+
+    def assert_still_serving(self):
+        ws = self.raw()
+        ws.send(rpc("alive", "ZRTextToSpeech.getVolume", []))
+        self.assertIsInstance(json.loads(ws.recv()).get("result"), float)
+
+    def test_each_bad_request_gets_its_error(self):
+        # One frame per kind of answer; the session's unit tests hold the full table.
+        cases = [  # (name, frame: bytes go as a binary frame, answered id, error code)
+            ("malformed json", '{"jsonrpc": "2.0", "id": 1, "method": ', None, -32700),
+            ("binary frame", b"\x00\x01\x02", None, -32600),
+            ("deep nesting", "[" * 10000 + "]" * 10000, None, -32600),
+            ("unknown method", rpc(4, "ZRTextToSpeech.shout", ["x"]), 4, -32601),
+            ("wrong argument count", rpc(5, "ZRTextToSpeech.say", ["a", "b", "c"]), 5, -32000),
+            ("service error", rpc(7, "ZRTextToSpeech.setLanguage", ["Klingon"]), 7, -32000),
+            ("huge integer", rpc(9, "ZRTextToSpeech.setVolume", [2 ** 40]), 9, -32602),
+        ]
+        ws = self.raw()
+        for name, frame, request_id, code in cases:
+            with self.subTest(name):
+                (ws.send_binary if isinstance(frame, bytes) else ws.send)(frame)
+                message = json.loads(ws.recv())
+                self.assertEqual((message.get("id"), message["error"]["code"]), (request_id, code))
+                self.assertIsInstance(message["error"]["message"], str)
+        self.assert_still_serving()
+
+    def test_a_broken_connection_harms_no_other(self):
+        # Only the start of a 2 MiB text frame is sent: the host must judge the frame by its
+        # header, without waiting for (or buffering) its payload. Sending all of it would race
+        # the host's close and could end in a reset that hides the close frame.
+        ws = self.raw()
+        size, mask = 2 * 1024 * 1024, b"\x01\x02\x03\x04"
+        start = b'{"jsonrpc": "2.0", "id": 1, "method": "ZRTextToSpeech.say", "params": ["'
+        header = bytes([0x81, 0x80 | 127]) + size.to_bytes(8, "big") + mask
+        ws.sock.sendall(header + bytes(b ^ mask[i % 4] for i, b in enumerate(start)))
+        # The host fails the connection with its close frame, read raw so that the client
+        # library does not answer it.
+        frame = ws.recv_frame()
+        self.assertEqual((frame.opcode, int.from_bytes(frame.data[:2], "big")),
+                         (websocket.ABNF.OPCODE_CLOSE, 1009))
+
+        # Clients that vanish in the middle of a say.
+        for _ in range(5):
+            ws = websocket.create_connection(self.daemon.url, timeout=20)
+            ws.send(rpc(1, "ZRTextToSpeech.say", ["Nobody will hear the end of this sentence."]))
+            ws.sock.shutdown(socket.SHUT_RDWR)
+            ws.sock.close()
+
+        # Garbage instead of a WebSocket handshake.
+        host, port = self.daemon.url[len("ws://"):].rsplit(":", 1)
+        with socket.create_connection((host, int(port)), timeout=20) as raw:
+            raw.sendall(b"\x16\x03\x01 this is not HTTP\r\n\r\n")
+            reply = raw.recv(1024)
+        self.assertTrue(reply == b"" or reply.startswith(b"HTTP/1.1 400"), reply)
+        self.assert_still_serving()
+
+
 class TokenProtected(DaemonTestCase):
     DAEMON_ARGS = ("--token", TOKEN)
 
     def test_a_connection_without_the_token_is_refused(self):
-        for url in (self.daemon.url, self.daemon.url + "/?token=guess"):
-            with self.assertRaises(websocket.WebSocketBadStatusException) as caught:
-                websocket.create_connection(url, timeout=10)
-            self.assertEqual(caught.exception.status_code, 401)
         refused = self.daemon.call("modules")
         self.assertEqual(refused.returncode, CONNECTION, refused.stderr)
-        self.assertIn("ZRTextToSpeech", self.client(token=TOKEN).modules())
+        self.assertIn("401", refused.stderr)
 
     def test_bexko_call_prints_results_and_exits_with_a_code_scripts_can_use(self):
         cases = [  # stdout is matched when the call succeeds, stderr otherwise
             (("modules",), OK, r"\bZRTextToSpeech\b"),
             (("call", "ZRTextToSpeech.setVolume", "0.25"), OK, r"^null$"),
-            (("call", "ZRTextToSpeech.getVolume"), OK, r"^0\.25$"),
             (("post", "--wait", "ZRTextToSpeech.getVolume"), OK, r"^0\.25$"),
             (("post", "ZRTextToSpeech.say", "Posted"), OK, r"^[1-9][0-9]*$"),
             (("stop", "ZRTextToSpeech", "1"), OK, r"^$"),
             (("describe", "ZRTextToSpeech"), OK, r"sayToFile\(pStringToSay, pFileName\)"),
             (("call", "ZRTextToSpeech.setLanguage", "Klingon"), CALL_ERROR, "not"),
-            (("call", "ZRNoSuchModule.say", "x"), CALL_ERROR, "no module"),
-            (("describe", "ZRNoSuchModule"), CALL_ERROR, "no module"),
             (("call", "say"), USAGE, "MODULE.METHOD"),
             (("frobnicate",), USAGE, "invalid choice"),
-            (("stop", "ZRTextToSpeech", "not-a-number"), USAGE, "invalid int"),
         ]
         for args, code, output in cases:
             with self.subTest(args=args):
@@ -102,21 +159,18 @@ class TokenProtected(DaemonTestCase):
                 self.assertRegex(result.stdout.strip() if code == OK else result.stderr, output)
 
     def test_bexko_call_watch_prints_each_raise(self):
-        watcher = subprocess.Popen(
-            [sys.executable, BEXKO_CALL, "--url", self.daemon.url, "--token", TOKEN, "watch",
-             "--count", "2", "Test/Watched"], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-            text=True, env=self.daemon.env)
-        self.addCleanup(watcher.kill)
-        # Raised until the watcher has subscribed and seen two values.
-        client = self.client(token=TOKEN)
-        for value in range(1, 600):
-            if watcher.poll() is not None:
-                break
-            client.call("ZRMemory", "raiseEvent", "Test/Watched", value)
-            time.sleep(0.1)
-        out, err = watcher.communicate(timeout=10)
-        self.assertEqual(watcher.returncode, OK, err)
-        (key, first), (_, second) = (line.split(" ", 1) for line in out.splitlines())
+        client, value = self.client(token=TOKEN), 0
+        with concurrent.futures.ThreadPoolExecutor(1) as pool:
+            watching = pool.submit(self.daemon.call, "watch", "--count", "2", "Test/Watched",
+                                   token=TOKEN)
+            # Raised until the watcher has subscribed and seen two values (or its call timed out).
+            while not watching.done():
+                value += 1
+                client.call("ZRMemory", "raiseEvent", "Test/Watched", value)
+                time.sleep(0.1)
+        result = watching.result()
+        self.assertEqual(result.returncode, OK, result.stderr)
+        (key, first), (_, second) = (line.split(" ", 1) for line in result.stdout.splitlines())
         self.assertEqual((key, int(second)), ("Test/Watched", int(first) + 1))
 
 
