@@ -290,11 +290,6 @@ bool ScriptedBackend::waitForSynthesis(int count, int timeoutMs) const {
                                   [&] { return state_->started >= count; });
 }
 
-bool ScriptedBackend::isSynthesizing() const {
-  std::lock_guard<std::mutex> lock(state_->mutex);
-  return state_->running > 0;
-}
-
 void ScriptedBackend::failNext(const std::string& operation, const ZR::ZRError& error) {
   std::lock_guard<std::mutex> lock(state_->mutex);
   state_->failures.erase(operation);

@@ -81,8 +81,6 @@ class ScriptedBackend {
   void release();
   /// Waits until `count` sentences have started since construction; false on time-out.
   bool waitForSynthesis(int count, int timeoutMs) const;
-  /// Whether a startSynthetizer call is running.
-  bool isSynthesizing() const;
 
   /// The next call of `operation` (a recorded operation name) throws `error`, after being
   /// recorded.
