@@ -240,13 +240,15 @@ using PlaybackEnding = FakePlayerTest;
 // Identifiers run up to 2147483646, then wrap to 1.
 TEST_F(PlaybackEnding, StopEndsOnlyThatPlaybackWithSignal15) {
   const int first = 2147483646;
+  // Every variable exists before the first spawn: adding one while a playback thread may still
+  // be spawning would reallocate the environment under it. The first playback ends by signal.
   setenv("FAKE_PLAYER_SECONDS", "60", 1);
+  setenv("FAKE_PLAYER_EXIT", "3", 1);
   auto player = createPlayer();
   player->lastTaskId = first - 1;
   auto stopped = playInBackground(*player, soundFile("first.wav"));
   ASSERT_TRUE(waitForRuns(1));
   setenv("FAKE_PLAYER_SECONDS", "0.5", 1);
-  setenv("FAKE_PLAYER_EXIT", "3", 1);
   auto finishing = playInBackground(*player, soundFile("second.wav"));
   ASSERT_TRUE(waitForRuns(2));
 
