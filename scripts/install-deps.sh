@@ -9,6 +9,7 @@ packages=(
   libboost1.74-dev libboost-thread1.74-dev libboost-filesystem1.74-dev
   qtbase5-dev
   libsndfile1-dev sndfile-programs
+  libpulse-dev pulseaudio pulseaudio-utils
   libespeak-ng-dev espeak-ng-data
   libsqlite3-dev libpugixml-dev nlohmann-json3-dev libcli11-dev
   libgtest-dev libgmock-dev libbenchmark-dev
