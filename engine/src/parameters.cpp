@@ -15,7 +15,8 @@ struct Range {
   float maximum;
 };
 
-// Ranges in percent of the engine's normal value; presel and selBreak are kept unclamped.
+// Ranges in percent of the engine's normal value; presel, selBreak and inputMode are kept
+// unclamped.
 const std::map<std::string, Range>& ranges() {
   static const std::map<std::string, Range> table = {
       {"speed", {50.0f, 400.0f}},
@@ -26,18 +27,21 @@ const std::map<std::string, Range>& ranges() {
   return table;
 }
 
-std::string knownNames() { return "speed, defaultVoiceSpeed, pitch, volume, presel, selBreak"; }
+std::string knownNames() {
+  return "speed, defaultVoiceSpeed, pitch, volume, presel, selBreak, inputMode";
+}
 
 }  // namespace
 
 ParameterSet::ParameterSet()
-    : values_{{"speed", 100.0f}, {"defaultVoiceSpeed", 100.0f},
-              {"pitch", 100.0f}, {"volume", 100.0f},
-              {"presel", 0.0f},  {"selBreak", 0.0f}} {}
+    : values_{{"speed", 100.0f},  {"defaultVoiceSpeed", 100.0f},
+              {"pitch", 100.0f},  {"volume", 100.0f},
+              {"presel", 0.0f},   {"selBreak", 0.0f},
+              {"inputMode", 0.0f}} {}
 
 bool ParameterSet::isKnown(const std::string& name) {
   return name == "speed" || name == "defaultVoiceSpeed" || name == "pitch" || name == "volume" ||
-         name == "presel" || name == "selBreak";
+         name == "presel" || name == "selBreak" || name == "inputMode";
 }
 
 void ParameterSet::set(const std::string& name, float value) {

@@ -11,13 +11,13 @@ namespace engine {
 /// The engine parameters that every backend understands, all percentages of the engine's own
 /// normal value, clamped into the range the eSpeak NG backend can render:
 ///
-/// | name                | default | range    | meaning                                        |
-/// |---------------------|---------|----------|------------------------------------------------|
-/// | "speed"             | 100     | 50 - 400 | speaking rate                                  |
-/// | "defaultVoiceSpeed" | 100     | 50 - 400 | rate that resetSpeed returns to; setting it also
-/// sets "speed" | | "pitch"             | 100     | 0 - 198  | base pitch | | "volume"            |
-/// 100     | 0 - 200  | amplitude                                      | | "presel", "selBreak"| 0
-/// | any      | accepted and kept, not applied                 |
+/// - "speed" (default 100, 50 to 400): speaking rate.
+/// - "defaultVoiceSpeed" (100, 50 to 400): the rate that resetSpeed returns to; setting it also
+///   sets "speed".
+/// - "pitch" (100, 0 to 198): base pitch.
+/// - "volume" (100, 0 to 200): amplitude.
+/// - "presel", "selBreak", "inputMode" (0, any value): accepted and kept, not applied (the
+///   speech service sets "inputMode" to 3 for Japanese).
 ///
 /// Not thread-safe: a backend guards it with its own lock.
 class BEXKO_API ParameterSet {

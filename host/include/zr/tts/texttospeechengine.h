@@ -50,8 +50,9 @@ class BEXKO_API TextToSpeechEngine {
   virtual std::string getVoiceNameFromXml(boost::filesystem::path& path) const = 0;
 
   /// Sets an engine parameter: "speed" (percent of the default speed), "defaultVoiceSpeed"
-  /// (percent; also resets "speed" to it), "pitch" (percent), "volume" (percent); "presel" and
-  /// "selBreak" are accepted and ignored. Values are clamped to what the engine can do.
+  /// (percent; also resets "speed" to it), "pitch" (percent), "volume" (percent); "presel",
+  /// "selBreak" and "inputMode" are accepted and ignored. Values are clamped to what the engine
+  /// can do.
   /// Throws ZRError for an unknown name.
   virtual void setParameter(const std::string& name, const float& value) = 0;
   /// The value of a parameter as the engine applies it; throws ZRError for an unknown name.
