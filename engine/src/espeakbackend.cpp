@@ -11,11 +11,13 @@
 #include <espeak-ng/speak_lib.h>
 
 #include <bexko/engine/parameters.h>
+#include <ko/audiooutput.h>
 #include <ko/log.h>
 #include <zr/zrerror.h>
 
 #include "espeakfactory.h"
 #include "espeakmarkup.h"
+#include "sentencestream.h"
 #include "utf8.h"
 
 namespace bexko {
@@ -160,17 +162,24 @@ namespace {
 
 // One sentence being synthesised; reached from eSpeak's callback through `activeRun`, which
 // only the thread holding the library lock touches.
-struct Run {
-  EspeakBackend::Impl* impl = nullptr;
-  TextToSpeechEngineCallbackInterface* callback = nullptr;
-  const detail::EspeakMarkup* markup = nullptr;
+struct Run : detail::StreamSink {
+  Run(EspeakBackend::Impl& impl, TextToSpeechEngineCallbackInterface& callback,
+      const detail::EspeakMarkup& markup)
+      : impl(impl), callback(callback), stream(markup) {}
+
+  bool audio(const short* samples, std::size_t count, long long first) override;
+  bool event(const detail::StreamEvent& event) override;
+  bool stopRequested() const;
+
+  EspeakBackend::Impl& impl;
+  TextToSpeechEngineCallbackInterface& callback;
+  detail::SentenceStream stream;
   int sampleRate = 22050;
   bool realTime = true;
   Clock::time_point start;
   Clock::duration pausedFor{};
   long long samples = 0;  // eSpeak samples delivered so far
   std::vector<short> stereo;
-  int lastWordIndex = -1;
   bool stopped = false;
   std::string callbackError;
 };
@@ -184,7 +193,7 @@ unsigned int bytePosition(const Run& run, long long sample) {
 // Waits until eSpeak sample `sample` would be heard (real time only), and while paused.
 // False when the sentence is stopped.
 bool waitUntil(Run& run, long long sample) {
-  EspeakBackend::Impl& impl = *run.impl;
+  EspeakBackend::Impl& impl = run.impl;
   std::unique_lock<std::mutex> lock(impl.mutex);
   while (true) {
     if (impl.stopRequested) return false;
@@ -205,49 +214,65 @@ bool waitUntil(Run& run, long long sample) {
   }
 }
 
+bool Run::audio(const short* samples, std::size_t count, long long first) {
+  if (!waitUntil(*this, first)) return false;
+  stereo.resize(count * 2);
+  for (std::size_t i = 0; i < count; ++i) {
+    stereo[2 * i] = samples[i];
+    stereo[2 * i + 1] = samples[i];
+  }
+  callback.TTSCallBack(stereo.data(), static_cast<unsigned int>(count * 2));
+  this->samples += static_cast<long long>(count);
+  return true;
+}
+
+bool Run::event(const detail::StreamEvent& event) {
+  if (!waitUntil(*this, event.sample)) return false;
+  callback.TTSEventCallBack(event.type, event.value, bytePosition(*this, event.sample));
+  return true;
+}
+
+bool Run::stopRequested() const {
+  std::lock_guard<std::mutex> lock(impl.mutex);
+  return impl.stopRequested;
+}
+
 int synthCallback(short* wav, int count, espeak_EVENT* events) {
   Run* run = activeRun;
   if (!run) return 1;
   try {
-    if (wav && count > 0) {
-      if (!waitUntil(*run, run->samples)) {
-        run->stopped = true;
-        return 1;
-      }
-      run->stereo.resize(static_cast<std::size_t>(count) * 2);
-      for (int i = 0; i < count; ++i) {
-        run->stereo[2 * i] = wav[i];
-        run->stereo[2 * i + 1] = wav[i];
-      }
-      run->callback->TTSCallBack(run->stereo.data(), static_cast<unsigned int>(count) * 2);
-      run->samples += count;
+    // Audio may be held back for a while: a stop must not wait for its delivery.
+    if (run->stopRequested()) {
+      run->stopped = true;
+      return 1;
     }
+    if (wav && count > 0) run->stream.addAudio(wav, static_cast<std::size_t>(count));
     for (espeak_EVENT* event = events; event && event->type != espeakEVENT_LIST_TERMINATED;
          ++event) {
-      ZR::TextToSpeechEngineEvent type;
-      int value = 0;
-      if (event->type == espeakEVENT_WORD) {
-        // eSpeak reports empty words, and a word on the punctuation next to some markup.
-        if (event->length <= 0) continue;
-        value = run->markup->toTagFreeIndex(event->text_position);
-        if (!run->markup->startsWord(value) || value == run->lastWordIndex) continue;
-        run->lastWordIndex = value;
-        type = ZR::TTS_EVENT_WORD;
-      } else if (event->type == espeakEVENT_MARK) {
-        if (!event->id.name) continue;
-        value = std::atoi(event->id.name);
-        type = ZR::TTS_EVENT_MARKER;
-      } else if (event->type == espeakEVENT_SENTENCE) {
-        value = std::max(0, run->markup->toTagFreeIndex(event->text_position));
-        type = ZR::TTS_EVENT_SENTENCE;
-      } else {
-        continue;  // clause ends: the end of the whole text is reported once, at the end
+      switch (event->type) {
+        case espeakEVENT_WORD:
+          // eSpeak reports empty words, at the end of some sentences.
+          if (event->length > 0) run->stream.addWord(event->text_position, event->sample);
+          break;
+        case espeakEVENT_MARK:
+          if (event->id.name) {
+            run->stream.addMarker(std::atoi(event->id.name), event->text_position, event->sample);
+          }
+          break;
+        case espeakEVENT_SENTENCE:
+          run->stream.addSentence(event->text_position, event->sample);
+          break;
+        case espeakEVENT_END:
+          // The end of a clause; the end of the whole text is reported once, at the end.
+          run->stream.addClauseEnd(event->text_position, event->sample);
+          break;
+        default:
+          break;
       }
-      if (!waitUntil(*run, event->sample)) {
-        run->stopped = true;
-        return 1;
-      }
-      run->callback->TTSEventCallBack(type, value, bytePosition(*run, event->sample));
+    }
+    if (!run->stream.release(*run)) {
+      run->stopped = true;
+      return 1;
     }
   } catch (const std::exception& e) {
     run->callbackError = e.what();
@@ -396,11 +421,9 @@ void EspeakBackend::startSynthetizer(const std::string& text,
     }
   } finish{*impl_};
 
-  Run run;
-  run.impl = impl_.get();
-  run.callback = &callback;
-  run.markup = &markup;
-  run.realTime = impl_->options.realTime;
+  Run run(*impl_, callback, markup);
+  // With a host audio output, the output's bounded buffer paces the sentence.
+  run.realTime = impl_->options.realTime && !ko::audioOutput();
   espeak_ng_STATUS status = ENS_OK;
   std::string failure;
   {
@@ -439,8 +462,16 @@ void EspeakBackend::startSynthetizer(const std::string& text,
     }
   }
   if (!run.stopped && failure.empty() && status == ENS_OK && run.callbackError.empty()) {
+    try {
+      run.stream.finish();
+      if (!run.stream.release(run)) run.stopped = true;
+    } catch (const std::exception& e) {
+      run.callbackError = e.what();
+    } catch (...) {
+      run.callbackError = "unknown exception";
+    }
     // The last block has been handed over; the sentence ends when it has been heard.
-    waitUntil(run, run.samples);
+    if (!run.stopped && run.callbackError.empty()) waitUntil(run, run.samples);
   }
   callback.TTSEventCallBack(ZR::TTS_EVENT_END, 0, bytePosition(run, run.samples));
   if (!failure.empty()) throw ZR::ZRError(kModule, "startSynthetizer", failure);

@@ -28,6 +28,11 @@ bool parseWhole(const std::string& text, long& value) {
   return true;
 }
 
+// The separators of the speech service's words.
+bool separatesTokens(char32_t c) {
+  return c == ' ' || c == '.' || c == ',' || c == ';' || c == ':' || c == '!';
+}
+
 bool isSpace(char32_t c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == 0xA0; }
 
 struct Prosody {
@@ -116,8 +121,16 @@ EspeakMarkup toEspeakMarkup(const std::string& sentence) {
     }
     char32_t cp = 0;
     // eSpeak NG loses its word positions on U+FFFD: an invalid byte or a NUL is a space, one
-    // character as countUtf8Chars counts it.
-    if (!decodeUtf8(sentence.data(), sentence.size(), pos, cp) || cp == 0) cp = ' ';
+    // character as countUtf8Chars counts it; for the service it stays part of its word.
+    const bool valid = decodeUtf8(sentence.data(), sentence.size(), pos, cp);
+    if (!valid || !separatesTokens(cp)) {
+      if (result.tokens.empty() || result.tokens.back().end != index) {
+        result.tokens.push_back(EspeakMarkup::Token{index, index + 1});
+      } else {
+        ++result.tokens.back().end;
+      }
+    }
+    if (!valid || cp == 0) cp = ' ';
     result.tagFree.push_back(cp);
     std::string utf8;
     switch (cp) {

@@ -20,6 +20,13 @@ namespace detail {
 ///   \style=X\  and any other tag: dropped (not spoken)
 /// '<', '>' and '&' of the text are escaped; each invalid UTF-8 byte becomes a space.
 struct EspeakMarkup {
+  /// A word as the speech service splits the tag-free sentence (on any of " .,;:!", an
+  /// invalid byte being a character of its word): its first character and one past its last.
+  struct Token {
+    int begin;
+    int end;
+  };
+
   /// The SSML text (UTF-8).
   std::string text;
   /// For each code point of `text`, the index of the character of the tag-free sentence that
@@ -27,6 +34,9 @@ struct EspeakMarkup {
   std::vector<int> tagFreeIndex;
   /// The tag-free sentence's characters.
   std::u32string tagFree;
+  /// The words of the tag-free sentence, in order: the service announces the n-th of them at
+  /// the n-th word event.
+  std::vector<Token> tokens;
 
   /// The tag-free index of eSpeak's 1-based text position; -1 when out of range.
   int toTagFreeIndex(int espeakPosition) const;

@@ -30,16 +30,32 @@ namespace engine {
 /// shorts, two per frame); event positions are byte offsets in that audio (4 bytes per
 /// frame). Engine tags are turned into eSpeak markup (see the tag list in zr/tts/textutils.h).
 ///
-/// Pacing: by default each audio block, word and marker is delivered when it would be heard,
-/// so that a sentence takes as long as it sounds. With the environment variable
-/// BEXKO_ENGINE_FAST=1 (read when the backend is created) audio and events come as fast as
-/// they are synthesised, for tests and benchmarks.
+/// Events in stream order: every event comes after exactly the audio before its position and
+/// before the audio after it, so that a consumer that writes the audio into an output sees
+/// each event when the stream reaches it.
+///
+/// Words: one TTS_EVENT_WORD per word of the text without its tags, as the speech service
+/// splits it (ZR::tokenizeString on " .,;:!"), in order, each with the word's character index.
+/// A word that eSpeak NG reports is at eSpeak's position; one that it folds into a neighbour
+/// ("the" of "from the shell"), reads as one word with another ("p.m.") or does not speak is
+/// placed inside the audio around it, between the words around it and on its side of a mark.
+/// Placing those takes the position of eSpeak's next word or clause end, so audio and events
+/// after eSpeak's latest word are held back until then (a clause is synthesised much faster
+/// than it sounds; a stop ends the sentence without delivering what is held).
+///
+/// Pacing: when `Options::realTime` is set and the host has no audio output
+/// (ko::audioOutput() is null when the sentence starts), each audio block, word and marker is
+/// delivered when it would be heard, so that a sentence takes as long as it sounds. With an
+/// audio output, the output's bounded buffer paces the consumer and the backend delivers as
+/// fast as it synthesises. With the environment variable BEXKO_ENGINE_FAST=1 (read when the
+/// backend is created) audio and events always come as fast as they are synthesised, for
+/// tests and benchmarks. A pause holds the delivery in every mode.
 ///
 /// Parameters: see bexko/engine/parameters.h; they apply from the next sentence.
 class BEXKO_API EspeakBackend : public Backend {
  public:
   struct Options {
-    /// Deliver audio and events at the pace of playback.
+    /// Deliver audio and events at the pace of playback, unless the host has an audio output.
     bool realTime = true;
   };
   /// realTime unless BEXKO_ENGINE_FAST=1.
