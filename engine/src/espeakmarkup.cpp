@@ -17,6 +17,7 @@ struct Unit {
   int index;  // tag-free index of the character (markup: filled in at the end)
   bool isMarkup;
   char32_t codePoint;
+  long mark;  // the number of a mark, -1 for anything else
 };
 
 bool parseWhole(const std::string& text, long& value) {
@@ -64,7 +65,7 @@ EspeakMarkup toEspeakMarkup(const std::string& sentence) {
   bool prosodyOpen = false;
 
   const auto addMarkup = [&](std::string markup) {
-    units.push_back(Unit{std::move(markup), -1, true, 0});
+    units.push_back(Unit{std::move(markup), -1, true, 0, -1});
   };
   const auto applyProsody = [&]() {
     if (prosodyOpen) addMarkup("</prosody>");
@@ -78,7 +79,7 @@ EspeakMarkup toEspeakMarkup(const std::string& sentence) {
   };
   // A mark that follows a '.' or '!' (with only spaces and markup between) goes before it.
   const auto addMark = [&](long number) {
-    Unit mark{"<mark name=\"" + std::to_string(number) + "\"/>", -1, true, 0};
+    Unit mark{"<mark name=\"" + std::to_string(number) + "\"/>", -1, true, 0, number};
     for (auto it = units.end(); it != units.begin();) {
       --it;
       if (it->isMarkup || isSpace(it->codePoint)) continue;
@@ -146,7 +147,7 @@ EspeakMarkup toEspeakMarkup(const std::string& sentence) {
       default:
         appendUtf8(utf8, cp);
     }
-    units.push_back(Unit{std::move(utf8), index++, false, cp});
+    units.push_back(Unit{std::move(utf8), index++, false, cp, -1});
   }
   if (prosodyOpen) addMarkup("</prosody>");
 
@@ -160,6 +161,7 @@ EspeakMarkup toEspeakMarkup(const std::string& sentence) {
     }
   }
   for (const Unit& unit : units) {
+    if (unit.mark >= 0) result.marks.push_back(EspeakMarkup::Mark{unit.mark, unit.index});
     result.text += unit.utf8;
     std::size_t at = 0;
     char32_t ignored;

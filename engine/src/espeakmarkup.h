@@ -34,6 +34,14 @@ struct EspeakMarkup {
   std::vector<int> tagFreeIndex;
   /// The tag-free sentence's characters.
   std::u32string tagFree;
+  /// A mark of the text: its number and the tag-free index of the character it stands before.
+  /// eSpeak NG reports marks without a text position.
+  struct Mark {
+    long value;
+    int index;
+  };
+  /// The marks in the order of the text (which is the order eSpeak NG reports them in).
+  std::vector<Mark> marks;
   /// The words of the tag-free sentence, in order: the service announces the n-th of them at
   /// the n-th word event.
   std::vector<Token> tokens;

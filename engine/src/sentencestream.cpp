@@ -55,7 +55,15 @@ void SentenceStream::addWord(int espeakPosition, long long sample) {
 }
 
 void SentenceStream::addMarker(int value, int espeakPosition, long long sample) {
-  const int index = tagFreeIndex(espeakPosition);
+  int index = tagFreeIndex(espeakPosition);
+  // eSpeak NG gives marks no text position: the markup knows where each one stands.
+  for (std::size_t i = nextMark; i < markup.marks.size(); ++i) {
+    if (markup.marks[i].value == value) {
+      index = markup.marks[i].index;
+      nextMark = i + 1;
+      break;
+    }
+  }
   addPending(ZR::TTS_EVENT_MARKER, value, sample, index, 0);
   anchorMarks.push_back(Mark{index, sample});
 }

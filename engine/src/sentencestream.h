@@ -100,6 +100,7 @@ class SentenceStream {
   std::vector<Pending> pending;
   long long sequence = 0;
   std::size_t nextToken = 0;  // the first word not placed yet
+  std::size_t nextMark = 0;   // the first mark of the markup not reported yet
   long long lastWordSample = 0;
   // The eSpeak word whose audio the next words may fall in.
   bool hasAnchor = false;

@@ -4,11 +4,15 @@
 #include <chrono>
 #include <cmath>
 #include <future>
+#include <iostream>
 #include <map>
+#include <optional>
 #include <thread>
 
 #include <gmock/gmock.h>
 
+#include <ko/audiooutput.h>
+#include <zr/tts/textutils.h>
 #include <zr/tts/ttslanguageinfo.h>
 #include <zr/zrerror.h>
 
@@ -23,6 +27,33 @@ using std::chrono::milliseconds;
 using namespace ::testing;
 
 double audioSeconds(unsigned long long bytes) { return bytes / (22050.0 * 4); }
+
+// The character index of every word of `text` as the speech service splits it.
+std::vector<int> serviceWordIndexes(const std::string& text) {
+  std::string tagFree = ZR::replaceTags(text, "");
+  std::vector<std::string> words;
+  ZR::tokenizeString(tagFree, words, " .,;:!");
+  std::vector<int> indexes;
+  std::size_t from = 0;
+  for (const std::string& word : words) {
+    from = tagFree.find(word, from);
+    indexes.push_back(ZR::countUtf8Chars(tagFree.substr(0, from).c_str()));
+    from += word.size();
+  }
+  return indexes;
+}
+
+// Sixty words in twelve sentences, each after the first starting with a lower-case word.
+std::string lowerCaseAfterFullStops() {
+  const char* const sentences[] = {
+      "The cat sat down quietly.", "and then it ran away.",           "so we went out again.",
+      "but the air was cold.",     "still the dog kept going.",       "then a bird sang loudly.",
+      "and the sun came out.",     "so the children played outside.", "but nobody saw the fox.",
+      "maybe it was far away.",    "yet the farmer was worried.",     "and the day went on."};
+  std::string text;
+  for (const char* sentence : sentences) text += (text.empty() ? "" : " ") + std::string(sentence);
+  return text;
+}
 
 class EspeakFast : public Test {
  protected:
@@ -78,8 +109,76 @@ TEST_F(EspeakFast, WordAndMarkEventsPointAtTheTextWithoutTags) {
     EXPECT_GE(audioSeconds(callback.audioBytes()), 0.1 * words.size());
     for (std::size_t i = 0; i < words.size(); ++i) {
       EXPECT_GE(words[i].position, i > 0 ? words[i - 1].position : 0u);
-      EXPECT_LE(words[i].position, words[i].audioBytesBefore);  // its audio has been delivered
     }
+    for (const auto& e : events) {
+      EXPECT_EQ(e.audioBytesBefore, e.position) << "event " << e.event << " value " << e.value;
+    }
+  }
+}
+
+// The service announces the n-th word of its split at the n-th word event: eSpeak NG's own
+// words fold "the" into the next word, read "p.m." as one word and report the word after a
+// full stop that does not end the sentence on the space before it.
+TEST_F(EspeakFast, EveryWordOfTheServiceSplitHasOneEventAfterExactlyTheAudioBeforeIt) {
+  const struct {
+    std::string text;
+    std::vector<int> words;  // empty: the indexes of the service's split
+  } cases[] = {
+      {"Hello from the shell", {0, 6, 11, 15}},
+      {"We met Dr. Smith at 5 p.m. near the station, and then we went home.",
+       {0, 3, 7, 11, 17, 20, 22, 24, 27, 32, 36, 45, 49, 54, 57, 62}},
+      {lowerCaseAfterFullStops(), {}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.text);
+    RecordingCallback callback;
+    backend_.startSynthetizer(c.text, callback);
+    const std::vector<int> expected = c.words.empty() ? serviceWordIndexes(c.text) : c.words;
+    EXPECT_EQ(callback.values(ZR::TTS_EVENT_WORD), expected);
+    const auto words = callback.events(ZR::TTS_EVENT_WORD);
+    for (std::size_t i = 1; i < words.size(); ++i) {
+      // Every word here is heard: none shares its place with the word before it.
+      EXPECT_GT(words[i].position, words[i - 1].position) << "word " << i;
+    }
+    ASSERT_FALSE(words.empty());
+    EXPECT_LT(words.back().position, callback.audioBytes());
+    for (const auto& e : callback.events()) {
+      EXPECT_EQ(e.audioBytesBefore, e.position) << "event " << e.event << " value " << e.value;
+      EXPECT_EQ(e.position % 4, 0u);
+    }
+    EXPECT_EQ(callback.events().back().event, ZR::TTS_EVENT_END);
+  }
+}
+
+// Marks inside what eSpeak NG reads as one word: before "shell", whose "the" it folds in, and
+// inside "p.m." (a mark after a full stop moves before it); a pause mark as the service sends
+// it before a pause.
+TEST_F(EspeakFast, AMarkStaysBetweenTheWordsAroundIt) {
+  const struct {
+    std::string text;
+    int mark;
+    int wordsBefore;
+  } cases[] = {
+      {"Hello from the \\mrk=3\\shell", 3, 3},
+      {"Hello from \\mrk=3\\the shell", 3, 2},
+      {"We met at 5 p.\\mrk=3\\m. near the station.", 3, 5},
+      {"One two three \\mrk=3\\four five six.", 3, 3},
+      {"Hello from the \\mrk=64536\\\\pau=200\\shell", 64536, 3},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.text);
+    RecordingCallback callback;
+    backend_.startSynthetizer(c.text, callback);
+    const auto events = callback.events();
+    const auto mark = std::find_if(events.begin(), events.end(),
+                                   [](const auto& e) { return e.event == ZR::TTS_EVENT_MARKER; });
+    ASSERT_NE(mark, events.end());
+    EXPECT_EQ(mark->value, c.mark);
+    EXPECT_EQ(std::count_if(events.begin(), mark,
+                            [](const auto& e) { return e.event == ZR::TTS_EVENT_WORD; }),
+              c.wordsBefore);
+    EXPECT_EQ(callback.values(ZR::TTS_EVENT_WORD), serviceWordIndexes(c.text));
+    EXPECT_EQ(mark->audioBytesBefore, mark->position);
   }
 }
 
@@ -91,12 +190,64 @@ TEST_F(EspeakFast, AMarkIsReportedAtItsPlaceInTheAudio) {
   ASSERT_EQ(words.size(), 6u);
   const auto& mark = markers[0];
   EXPECT_EQ(mark.value, 5);
-  // Between the words around it, and within the audio delivered before it was reported.
+  // Between the words around it, after exactly the audio before it.
   EXPECT_GT(mark.position, words[2].position);
   EXPECT_LE(mark.position, words[3].position);
-  EXPECT_LE(mark.position, mark.audioBytesBefore);
-  EXPECT_GT(mark.position + callback_.largestBlockBytes(), mark.audioBytesBefore);
+  EXPECT_EQ(mark.position, mark.audioBytesBefore);
   EXPECT_EQ(mark.position % 4, 0u);  // a whole stereo frame
+}
+
+TEST_F(EspeakFast, AStopWhileAudioIsHeldBackEndsTheSentenceAtOnce) {
+  // Long enough to take a while to synthesise even in fast mode.
+  std::string text;
+  for (int i = 0; i < 20; ++i) text += lowerCaseAfterFullStops() + " ";
+  auto speaking =
+      std::async(std::launch::async, [&] { backend_.startSynthetizer(text, callback_); });
+  for (int i = 0; i < 1000 && callback_.events(ZR::TTS_EVENT_WORD).size() < 2; ++i) {
+    std::this_thread::sleep_for(milliseconds(1));
+  }
+  const auto stopAt = std::chrono::steady_clock::now();
+  backend_.stopSynthetizer();
+  ASSERT_EQ(speaking.wait_for(std::chrono::seconds(5)), std::future_status::ready);
+  speaking.get();
+  EXPECT_LT(std::chrono::steady_clock::now() - stopAt, milliseconds(100));
+  // Nothing held back is delivered after the stop: the end is where the audio stopped.
+  const auto events = callback_.events();
+  ASSERT_EQ(events.back().event, ZR::TTS_EVENT_END);
+  EXPECT_EQ(events.back().position, callback_.audioBytes());
+  EXPECT_LT(callback_.values(ZR::TTS_EVENT_WORD).size(), serviceWordIndexes(text).size() / 2);
+}
+
+// eSpeak NG synthesises a clause in a few milliseconds; the words of a clause are placed once
+// its next word is known, so the first audio comes long before the sentence is synthesised.
+TEST_F(EspeakFast, TheFirstAudioComesWithoutWaitingForTheWholeSentence) {
+  struct FirstAudio : RecordingCallback {
+    void TTSCallBack(short* samples, unsigned int count) override {
+      if (!first) first = std::chrono::steady_clock::now();
+      RecordingCallback::TTSCallBack(samples, count);
+    }
+    std::optional<std::chrono::steady_clock::time_point> first;
+  };
+  const std::string text =
+      "The first clause of this sentence is rather long and keeps going for a while, the second "
+      "clause is just as long as the first one and says nothing new, and the third clause ends "
+      "the sentence at last after all those words.";
+  double bestFirst = 1e9, bestTotal = 1e9;
+  for (int run = 0; run < 5; ++run) {
+    FirstAudio callback;
+    const auto start = std::chrono::steady_clock::now();
+    backend_.startSynthetizer(text, callback);
+    const auto end = std::chrono::steady_clock::now();
+    ASSERT_TRUE(callback.first);
+    bestFirst = std::min(
+        bestFirst, std::chrono::duration<double, std::milli>(*callback.first - start).count());
+    bestTotal = std::min(bestTotal, std::chrono::duration<double, std::milli>(end - start).count());
+  }
+  RecordProperty("firstAudioMs", std::to_string(bestFirst));
+  RecordProperty("sentenceMs", std::to_string(bestTotal));
+  std::cout << "first audio after " << bestFirst << " ms, sentence synthesised in " << bestTotal
+            << " ms\n";
+  EXPECT_LT(bestFirst, bestTotal / 3);
 }
 
 // The clamps of "speed" and "defaultVoiceSpeed", "presel" and resetSpeed are shown through the
@@ -190,6 +341,43 @@ TEST_F(EspeakRealTime, KeepsPaceAndObeysAPauseARestartAndAStopFromAnotherThread)
   RecordingCallback next;  // the stop was for that sentence only
   backend_.startSynthetizer("Hello big world", next);
   EXPECT_EQ(next.values(ZR::TTS_EVENT_WORD), (std::vector<int>{0, 6, 10}));
+}
+
+// With a host audio output, the output paces the consumer: the backend does not.
+TEST_F(EspeakRealTime, IsNotPacedWhileTheHostHasAnAudioOutput) {
+  struct SilentOutput : ko::AudioOutput {
+    std::string name() const override { return "silent"; }
+    ko::AudioSampleInfo sampleInfo() const override { return {}; }
+    bool write(const void*, std::size_t bytes) override { return written += bytes, true; }
+    bool drain() override { return true; }
+    void flush() override {}
+    void pause() override {}
+    void resume() override {}
+    std::uint64_t writtenBytes() const override { return written; }
+    std::uint64_t playedBytes() const override { return written; }
+    std::uint64_t written = 0;
+  };
+  struct OutputSet {
+    OutputSet() { ko::setAudioOutput(std::make_shared<SilentOutput>()); }
+    ~OutputSet() { ko::setAudioOutput(nullptr); }
+  };
+  const std::string text = "One two three four five six seven eight nine ten.";
+  {
+    OutputSet output;
+    const auto start = std::chrono::steady_clock::now();
+    backend_.startSynthetizer(text, callback_);
+    const double took =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    ASSERT_GT(audioSeconds(callback_.audioBytes()), 2.0);
+    EXPECT_LT(took, audioSeconds(callback_.audioBytes()) / 4);
+  }
+  // Without an output, the same backend keeps the pace again.
+  RecordingCallback paced;
+  const auto start = std::chrono::steady_clock::now();
+  backend_.startSynthetizer(text, paced);
+  const double took =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  EXPECT_GT(took, audioSeconds(paced.audioBytes()) * 0.9);
 }
 
 TEST_F(EspeakFast, OffersOneDefaultVoiceForEveryLanguageOfTheTable) {
