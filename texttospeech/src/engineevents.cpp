@@ -26,7 +26,43 @@ constexpr int kLastBookmark = 64535;
 }  // namespace
 
 void ZRTextToSpeech::TTSCallBack(short* samples, unsigned int count) {
-  // The desktop build plays no audio: the samples are discarded.
+  // Without an audio output the samples are discarded.
+  if (!audioOutput || count == 0) {
+    return;
+  }
+  // The engine calls back from its synthesis loop: nothing may unwind into it.
+  try {
+    if (!sentencePlays) {
+      if (boost::shared_ptr<ZRTextToSpeechTask> task = boost::atomic_load(&currentTask)) {
+        task->writeToFile(samples, count * sizeof(short));
+      }
+      return;
+    }
+    if (outputMuted) {
+      return;
+    }
+    int audible = static_cast<int>(count);
+    keepOnlyAudibleSamples(samples, audible);
+    // Whole frames only: a frame cut by the trim is kept.
+    const int channels = std::max(1, sampleInfo.channels);
+    audible = std::min(static_cast<int>(count), (audible + channels - 1) / channels * channels);
+    if (audible > 0) {
+      // The quiet stretch before this block is inside the sentence: it is played whole.
+      if (!heldQuietSamples.empty()) {
+        audioOutput->write(heldQuietSamples.data(), heldQuietSamples.size() * sizeof(short));
+        heldQuietSamples.clear();
+      }
+      audioOutput->write(samples, static_cast<std::size_t>(audible) * sizeof(short));
+    }
+    heldQuietSamples.insert(heldQuietSamples.end(), samples + audible, samples + count);
+  } catch (const std::exception& e) {
+    if (!outputFailed) {
+      KO_LOG(logCategory(), ko::log::error, "TTSCallBack") << "audio lost: " << e.what();
+    }
+    outputFailed = true;
+    return;
+  }
+  outputFailed = false;
 }
 
 void ZRTextToSpeech::TTSEventCallBack(ZR::TextToSpeechEngineEvent event, int value,
@@ -56,18 +92,17 @@ void ZRTextToSpeech::TTSEventCallBack(ZR::TextToSpeechEngineEvent event, int val
         break;
       }
       case 1: {
-        wordPosition = value + textOffset + 1;
-        std::string word;
-        {
-          boost::unique_lock<boost::shared_mutex> wordsLock(currentWordsLock);
-          if (currentWords.empty()) {
-            break;
-          }
-          word = currentWords.front();
-          currentWords.erase(currentWords.begin());
+        const int raisedPosition = value + textOffset + 1;
+        if (!sentencePlays) {
+          xAnnounceWord(raisedPosition);
+          break;
         }
-        memoryProxy->raiseEvent(strPositionOfCurrentWordEvent, ZRValue(wordPosition));
-        memoryProxy->raiseEvent(strCurrentWordEvent, ZRValue(word));
+        // Announced when the output has played up to the word.
+        boost::lock_guard<boost::mutex> lock(heardWordsMutex);
+        wordsToHear.push_back(WordToHear{raisedPosition, position});
+        if (!wordTimerRunning) {
+          xScheduleHeardWord();
+        }
         break;
       }
       case 2:
@@ -106,6 +141,11 @@ bool ZRTextToSpeech::keepOnlyAudibleSamples(const short* samples, int& count) {
 }
 
 void ZRTextToSpeech::drainSink() {
+  if (sentencePlays) {
+    // Returns early when a stop empties the output.
+    audioOutput->drain();
+    sentencePlays = false;
+  }
   // Bookmark timing reads the played bytes under the marker lock.
   boost::lock_guard<boost::mutex> lock(markerMutex);
   bytesSent = 0;

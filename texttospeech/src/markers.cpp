@@ -36,6 +36,9 @@ std::uint32_t positionToMsec(std::uint32_t position, const ko::AudioSampleInfo& 
 }  // namespace
 
 void ZRTextToSpeech::scheduleMarker(ZRTextToSpeechMarker& marker) {
+  if (sentencePlays) {
+    bytesSent = xPlayedBytes();
+  }
   const std::uint32_t current = positionToMsec(bytesSent, sampleInfo);
   const std::uint32_t markerMs = positionToMsec(marker.position, sampleInfo);
   const std::uint32_t target = markerMs > kMarkerLeadMs ? markerMs - kMarkerLeadMs : markerMs;
@@ -70,6 +73,9 @@ void ZRTextToSpeech::markerCB(ZRTextToSpeechMarker marker) {
   }
 
   boost::lock_guard<boost::mutex> lock(markerMutex);
+  if (sentencePlays) {
+    bytesSent = xPlayedBytes();
+  }
   const std::uint32_t current = positionToMsec(bytesSent, sampleInfo);
 
   auto found = std::find(markers.begin(), markers.end(), marker);

@@ -73,9 +73,16 @@ void ZRTextToSpeech::pause() {
   if (!ttsManager->isPaused()) {
     ttsManager->pauseSynthetizer();
   }
+  // What is already in the output is held too, so that the listener hears the pause.
+  if (audioOutput) {
+    audioOutput->pause();
+  }
 }
 
 void ZRTextToSpeech::resume() {
+  if (audioOutput) {
+    audioOutput->resume();
+  }
   if (ttsManager->isPaused()) {
     ttsManager->restartSynthetizer();
   }
@@ -248,6 +255,9 @@ void ZRTextToSpeech::xSpeakingLoop(boost::shared_ptr<ZRTextToSpeechTask> task) {
     if (task->isStopped()) {
       return;
     }
+    if (audioOutput) {
+      xStartPlayback(*task);
+    }
     // The task and its id are published together: a stop aimed at the previous id must not
     // reach this task through currentTask. The engine's end event reads it on its own thread.
     boost::atomic_store(&currentTask, task);
@@ -258,6 +268,9 @@ void ZRTextToSpeech::xSpeakingLoop(boost::shared_ptr<ZRTextToSpeechTask> task) {
     textOffset = ZR::countUtf8Chars(shown.c_str());
   } catch (const ZRError& e) {
     KO_LOG(logCategory(), ko::log::error, "xSpeakingLoop") << "Error catched " << e.toString();
+  }
+  if (audioOutput) {
+    xEndPlayback(*task);
   }
 }
 
@@ -306,6 +319,7 @@ bool ZRTextToSpeech::xStopTask(int id) {
   bool interrupted = false;
   if (target == currentTaskId && currentTaskId != -1) {
     ttsManager->stopSynthetizer();
+    xSilenceOutput();
     if (speakingLoopPending) {
       speakingLoopPromise.future().cancel();
       speakingLoopPending = false;

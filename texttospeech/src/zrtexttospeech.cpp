@@ -93,6 +93,17 @@ ZRTextToSpeech::ZRTextToSpeech(boost::shared_ptr<ZRBroker> broker)
         << "init(): PackageManager not found.";
   }
 
+  audioOutput = ko::audioOutput();
+  if (audioOutput && !(audioOutput->sampleInfo() == sampleInfo)) {
+    KO_LOG(logCategory(), ko::log::error, "ZRTextToSpeech")
+        << "The audio output \"" << audioOutput->name()
+        << "\" does not take the engine's audio format: speech will not be heard.";
+    audioOutput.reset();
+  } else if (audioOutput) {
+    KO_LOG(logCategory(), ko::log::info, "ZRTextToSpeech")
+        << "Speech plays through the audio output \"" << audioOutput->name() << "\"";
+  }
+
   std::vector<ko::PackageInfo> packages = xGetInstalledPackages();
 
   KO_LOG(logCategory(), ko::log::verbose, "ZRTextToSpeech")
@@ -135,6 +146,7 @@ ZRTextToSpeech::~ZRTextToSpeech() {
     }
     markers.clear();
   }
+  xFlushHeardWords(false);
   ko::EventLoop* loop = ko::getEventLoop();
   if (!loop->isInLoopThread()) {
     loop->post([] {}).wait(kLoopBarrierMs);

@@ -180,7 +180,12 @@ class ScriptedInstance : public engine::Backend {
         stopped = state_->stopRequested;
       }
       if (stopped) break;
-      callback.TTSEventCallBack(event.event, event.value, event.position);
+      if (!event.samples.empty()) {
+        std::vector<short> block = event.samples;
+        callback.TTSCallBack(block.data(), static_cast<unsigned int>(block.size()));
+      } else {
+        callback.TTSEventCallBack(event.event, event.value, event.position);
+      }
     }
     if (!stopped) {
       std::unique_lock<std::mutex> lock(state_->mutex);
@@ -238,6 +243,16 @@ class ScriptedInstance : public engine::Backend {
 };
 
 }  // namespace
+
+ScriptedEvent scriptedAudio(int frames, short level) {
+  ScriptedEvent block{ZR::TTS_EVENT_WORD, 0, 0};
+  block.samples.resize(static_cast<std::size_t>(frames) * 2);
+  for (std::size_t i = 0; i < block.samples.size(); ++i) {
+    // A 2756 Hz square wave at 22050 Hz: 4 frames up, 4 down.
+    block.samples[i] = (i / 8) % 2 ? level : static_cast<short>(-level);
+  }
+  return block;
+}
 
 ScriptedBackend::ScriptedBackend(std::string engineName)
     : engineName_(std::move(engineName)), state_(std::make_shared<State>()) {

@@ -3,7 +3,10 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
+#include <deque>
 #include <list>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -14,6 +17,7 @@
 #include <boost/thread/shared_mutex.hpp>
 
 #include <ko/audio.h>
+#include <ko/audiooutput.h>
 #include <ko/clock.h>
 #include <ko/future.h>
 #include <ko/log.h>
@@ -58,6 +62,24 @@ struct ZRValueConverter<ko::Clock::time_point> {
 /// progress of every task is raised in the event store under the keys below. `ttsMutex` is held
 /// for the whole of each say, language and voice change and package reload; stop requests take
 /// only `taskQueueLock`, so that they interrupt a sentence while another thread is inside say.
+///
+/// Audio: the service plays through the audio output that the host chose at start
+/// (ko::audioOutput()), read once by the constructor. Without one (the default) the engine's
+/// audio is discarded, `bytesSent` stays 0 and a file named in sayToFile receives no samples.
+/// With one:
+/// - each block of a spoken sentence goes through keepOnlyAudibleSamples into the output; a
+///   quiet tail is held back until audible audio follows it, so pauses inside a sentence are
+///   played whole and only the silence that ends a sentence is dropped. The output's bounded
+///   buffer paces the engine (which then does not pace itself);
+/// - `bytesSent` is the output's play position in the current sentence, read afresh whenever a
+///   bookmark is scheduled or fires, so bookmarks are timed against what has been heard;
+/// - word events are announced when the output has played up to the word's audio position
+///   (on the event loop's thread), not when the engine reports them;
+/// - when the engine returns, drainSink waits for the sentence to play out, then
+///   notifyTextDone raises the closing values (TextDone 1, TextStarted 0, ...) before the
+///   task's "done"; a stop empties the output at once and drops the words not yet heard;
+/// - sayToFile writes the sentence's samples (22050 Hz, S16_LE, 2 channels) through
+///   ZRTextToSpeechTask::writeToFile, synthesised at full speed and not played.
 class ZRTextToSpeech : public ZRModule, public TextToSpeechEngineCallbackInterface {
  public:
   /// Publishes the methods, obtains the proxies, gathers the installed packages and creates the
@@ -148,6 +170,8 @@ class ZRTextToSpeech : public ZRModule, public TextToSpeechEngineCallbackInterfa
   void xResume();
 
   bool keepOnlyAudibleSamples(const short* samples, int& count);
+  /// With an audio output, waits until the current sentence has been heard (or a stop emptied
+  /// the output); then `bytesSent` = 0.
   void drainSink();
   void notifyTextDone(bool interrupted);
   void cleanUp();
@@ -157,6 +181,26 @@ class ZRTextToSpeech : public ZRModule, public TextToSpeechEngineCallbackInterfa
   void markerCB(ZRTextToSpeechMarker marker);
   void flushMarkers();
   void raiseMrkPause(std::list<ZRTextToSpeechMarker>::iterator it);
+
+  // Audio output (see the class comment) ------------------------------------------------------
+  /// Starts the output stream of `task`'s sentence: positions count from here. Called under
+  /// taskQueueLock before the task is handed to the engine.
+  void xStartPlayback(const ZRTextToSpeechTask& task);
+  /// Ends the sentence of `task` after the engine returned: waits for it to be heard, then
+  /// announces the words left and raises the closing values; after a stop, empties the output.
+  void xEndPlayback(const ZRTextToSpeechTask& task);
+  /// Empties the output at once and drops the words not yet heard (a stop).
+  void xSilenceOutput();
+  /// Bytes of the current sentence that the output has played; 0 when it plays none.
+  unsigned int xPlayedBytes() const;
+  /// Raises a word event's PositionOfCurrentWord (`position`) and CurrentWord (the next token).
+  void xAnnounceWord(int position);
+  /// Announces the queued words that have been heard, then waits for the next (timer body).
+  void xAnnounceHeardWords(unsigned int generation);
+  /// Starts the timer of the first queued word. Called with heardWordsMutex held.
+  void xScheduleHeardWord();
+  /// Cancels the word timer and empties the queue, announcing what it held when `announce`.
+  void xFlushHeardWords(bool announce);
 
   void xSetParameter(const std::string& name, const float& value);
   bool shouldFxBeAppliedOnVoice();
@@ -232,6 +276,30 @@ class ZRTextToSpeech : public ZRModule, public TextToSpeechEngineCallbackInterfa
   bool lastTagResult;
   bool reloadFlag;
   std::string reloadText;
+
+  // The audio path (see the class comment). `audioOutput` is null when the host plays none.
+  std::shared_ptr<ko::AudioOutput> audioOutput;
+  // Whether the current sentence plays through the output (false for a file), and the
+  // output's written position at which its audio starts.
+  std::atomic<bool> sentencePlays{false};
+  std::atomic<std::uint64_t> sentenceStart{0};
+  // Set by a stop, so that a block the engine still delivers is not played; cleared when the
+  // next sentence starts.
+  std::atomic<bool> outputMuted{false};
+  // The quiet tail of the last block, played only if audible audio follows it. Touched only
+  // by the speaking thread.
+  std::vector<short> heldQuietSamples;
+  bool outputFailed = false;
+  // Words reported by the engine and not heard yet, in order, with their audio positions.
+  struct WordToHear {
+    int position;              // the value raised as PositionOfCurrentWord
+    unsigned int audioOffset;  // byte position of the word in the sentence's audio
+  };
+  boost::mutex heardWordsMutex;  // guards the four fields below
+  std::deque<WordToHear> wordsToHear;
+  ko::Future<void> wordTimer;
+  bool wordTimerRunning = false;
+  unsigned int wordGeneration = 0;  // a timer of an earlier generation finds nothing to do
 
   // Exit stops every task and then waits, for a bounded time, until no say is inside the
   // service, so that the event store is still there for the last events of each. A say that

@@ -11,12 +11,18 @@
 namespace bexko {
 namespace testing {
 
-/// One event that the scripted backend reports while it "synthesises" a sentence.
+/// One event that the scripted backend reports while it "synthesises" a sentence, or, when
+/// `samples` is not empty, one block of audio that it hands to TTSCallBack in its place.
 struct ScriptedEvent {
   ZR::TextToSpeechEngineEvent event;
   int value;
   unsigned int position;
+  std::vector<short> samples = {};
 };
+
+/// A block of `frames` stereo frames of a square wave of amplitude `level` (0: silence), as
+/// the engine's 16-bit interleaved audio.
+ScriptedEvent scriptedAudio(int frames, short level = 8000);
 
 /// One operation that a backend instance received, with its arguments as strings: texts as
 /// given, numbers as an ostream writes them (100, 1.5), booleans as "true"/"false".
@@ -43,8 +49,8 @@ struct ScriptedCall {
 /// "selBreak" are accepted, another name throws ZR::ZRError.
 ///
 /// A sentence: startSynthetizer records its call, throws if failNext asked for it, counts the
-/// sentence as started, reports the events queued for it (or else the script), each unless
-/// stopped meanwhile and waiting while paused, then, when blocking, waits until release() or
+/// sentence as started, reports the events and audio queued for it (or else the script), each
+/// unless stopped meanwhile and waiting while paused, then, when blocking, waits until release() or
 /// stopSynthetizer(), and always ends with TTS_EVENT_END (value 0, position 0).
 ///
 /// Thread-safe. The instances that managers hold share this object's state and keep it alive,
