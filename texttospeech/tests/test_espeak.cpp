@@ -2,6 +2,8 @@
 // the host.
 #include <zr/zrtexttospeech.h>
 
+#include <zr/tts/textutils.h>
+
 #include "speechfixture.h"
 
 namespace bexko::testing {
@@ -27,6 +29,57 @@ TEST_F(EspeakTest, SentenceWithTwoBookmarksRaisesBothInOrderAndEveryWord) {
   ASSERT_TRUE(host.waitForEvent(ZR::ZRTextToSpeech::strCurrentBookMarkEvent, 2, 10000));
   EXPECT_THAT(serviceEvents(ZR::ZRTextToSpeech::strCurrentBookMarkEvent),
               ElementsAre("CurrentBookMark=1", "CurrentBookMark=2"));
+}
+
+// eSpeak NG's own words are not the service's: it folds "the" into "shell", reads "p.m." as one
+// word and reports a lower-case word after a full stop on the space before it. Each word of
+// the service's split is still announced, in order, with its position.
+TEST_F(EspeakTest, EveryWordOfTheSentenceIsAnnouncedInOrderWithItsPosition) {
+  std::string sixtyWords;
+  const char* const sentences[] = {
+      "The cat sat down quietly.", "and then it ran away.",           "so we went out again.",
+      "but the air was cold.",     "still the dog kept going.",       "then a bird sang loudly.",
+      "and the sun came out.",     "so the children played outside.", "but nobody saw the fox.",
+      "maybe it was far away.",    "yet the farmer was worried.",     "and the day went on."};
+  for (const char* sentence : sentences) sixtyWords += sentence + std::string(" ");
+  const std::string texts[] = {
+      "Hello from the shell",
+      "We met Dr. Smith at 5 p.m. near the station, and then we went home.",
+      sixtyWords,
+  };
+  for (const std::string& text : texts) {
+    SCOPED_TRACE(text);
+    std::string tagFree = text;
+    std::vector<std::string> words;
+    ZR::tokenizeString(tagFree, words, " .,;:!");
+    std::vector<std::string> expectedWords, expectedPositions;
+    std::size_t from = 0;
+    for (const std::string& word : words) {
+      from = text.find(word, from);  // ASCII texts: a byte offset is a character index
+      expectedWords.push_back("CurrentWord=\"" + word + "\"");
+      expectedPositions.push_back("PositionOfCurrentWord=" + std::to_string(from + 1));
+      from += word.size();
+    }
+    host.clearEvents();
+    tts->say(text);
+    EXPECT_EQ(serviceEvents(ZR::ZRTextToSpeech::strCurrentWordEvent), expectedWords);
+    EXPECT_EQ(serviceEvents(ZR::ZRTextToSpeech::strPositionOfCurrentWordEvent), expectedPositions);
+    // Each name comes right after its position.
+    const std::vector<std::string> all = serviceEvents();
+    for (std::size_t i = 0; i + 1 < all.size(); ++i) {
+      if (all[i].rfind("PositionOfCurrentWord=", 0) == 0) {
+        EXPECT_EQ(all[i + 1].rfind("CurrentWord=", 0), 0u) << all[i];
+      }
+    }
+  }
+}
+
+// The service sets the engine parameter "inputMode" for Japanese.
+TEST_F(EspeakTest, ResetInJapaneseSucceeds) {
+  tts->setLanguage("Japanese");
+  EXPECT_EQ(errorOf([&] { tts->reset(); }), "");
+  EXPECT_EQ(tts->getLanguage(), "Japanese");
+  EXPECT_THAT(statusEvents(), Contains(R"(Status=[1, "done"])"));
 }
 
 TEST_F(EspeakTest, ListsLanguagesAndVoicesAndSpeaksFrenchAfterSetLanguage) {
