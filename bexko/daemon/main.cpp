@@ -4,6 +4,7 @@
 #include <pthread.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
@@ -14,8 +15,10 @@
 #include <CLI/CLI.hpp>
 #include <boost/shared_ptr.hpp>
 
+#include <bexko/audiooutput/makeaudiooutput.h>
 #include <bexko/gateway/gateway.h>
 #include <bexko/services/builtinservices.h>
+#include <ko/audiooutput.h>
 #include <ko/log.h>
 #include <ko/path.h>
 #include <zr/zrbroker.h>
@@ -94,7 +97,9 @@ int main(int argc, char** argv) {
       "prints one line \"listening on ws://ADDRESS:PORT\" on standard output. SIGINT or SIGTERM\n"
       "stops every module and the gateway, and the host exits with status 0.\n"
       "Files live under $XDG_CONFIG_HOME/bexko (preferences, voice files) and\n"
-      "$XDG_DATA_HOME/bexko (preference database, packages, dictionary).",
+      "$XDG_DATA_HOME/bexko (preference database, packages, dictionary).\n"
+      "Speech is heard only with an audio output (--audio-output): by default the modules\n"
+      "synthesise and pace their speech but play no sound.",
       "bexko"};
 
   const std::string defaultLibrary = ko::path::sdkPrefix() + "/lib/libbexko-tts.so";
@@ -104,6 +109,7 @@ int main(int argc, char** argv) {
   std::string logLevel;
   std::string logFile;
   bool noModules = false;
+  std::string audioOutputName = "none";
   std::size_t maxMessageBytes = 1024 * 1024;
 
   app.add_option("libraries", libraries,
@@ -128,6 +134,16 @@ int main(int argc, char** argv) {
                  "also read from BEXKO_LOG_LEVEL. Default: info")
       ->envname("BEXKO_LOG_LEVEL");
   app.add_option("--log-file", logFile, "Also append every log record to this file");
+  app.add_option("--audio-output", audioOutputName,
+                 "Where the modules' speech is played: none (no sound; no samples reach the "
+                 "modules' outputs or sayToFile), clock (silent, but consumed at the audio rate "
+                 "like a sound card, for headless machines and tests), pulse (the sound server "
+                 "of the desktop through libpulse, on its default sink, or PULSE_SINK; the "
+                 "server is found as libpulse does, e.g. PULSE_SERVER; when none answers bexko "
+                 "exits with status 1) or auto (pulse when a sound server answers, else clock); "
+                 "also read from BEXKO_AUDIO_OUTPUT")
+      ->envname("BEXKO_AUDIO_OUTPUT")
+      ->capture_default_str();
   app.add_option("--max-message-bytes", maxMessageBytes,
                  "Largest request frame accepted; a client sending a bigger one is "
                  "disconnected with WebSocket status 1009")
@@ -140,6 +156,12 @@ int main(int argc, char** argv) {
   unsigned short port = 0;
   if (!parseListen(listen, address, port)) {
     std::cerr << "bexko: --listen wants ADDRESS:PORT, not \"" << listen << "\"\n";
+    return 2;
+  }
+  const auto outputNames = bexko::audiooutput::audioOutputNames();
+  if (std::find(outputNames.begin(), outputNames.end(), audioOutputName) == outputNames.end()) {
+    std::cerr << "bexko: --audio-output wants none, clock, pulse or auto, not \"" << audioOutputName
+              << "\"\n";
     return 2;
   }
   try {
@@ -158,6 +180,26 @@ int main(int argc, char** argv) {
     }
   }
   if (libraries.empty() && !noModules) libraries.push_back(defaultLibrary);
+
+  // The modules read the output when they start, so it is chosen before any is loaded.
+  std::shared_ptr<ko::AudioOutput> audioOutput;
+  try {
+    audioOutput = bexko::audiooutput::makeAudioOutput(audioOutputName);
+  } catch (const std::exception& e) {
+    KO_LOG(logCategory(), ko::log::fatal, "main")
+        << "cannot open the audio output \"" << audioOutputName << "\": " << e.what();
+    std::cerr << "bexko: cannot open the audio output \"" << audioOutputName << "\": " << e.what()
+              << "\n";
+    return 1;
+  }
+  KO_LOG(logCategory(), ko::log::info, "main")
+      << "audio output: "
+      << (audioOutput ? audioOutput->name() : std::string("none (no sound is played)"));
+  ko::setAudioOutput(audioOutput);
+  // On every way out, error or not, the output closes before static destruction begins.
+  struct AudioOutputRelease {
+    ~AudioOutputRelease() { ko::setAudioOutput(nullptr); }
+  } audioOutputRelease;
 
   boost::shared_ptr<ZR::ZRBrokerManager> manager(new ZR::ZRBrokerManager());
   ZR::ZRBrokerManager::setInstance(manager);
@@ -204,6 +246,9 @@ int main(int argc, char** argv) {
   broker->shutdown();
   manager->removeBroker(broker);
   ZR::ZRBrokerManager::setInstance({});
+  // Only once every module has exited: until then one may still be writing to the output.
+  ko::setAudioOutput(nullptr);
+  audioOutput.reset();
   KO_LOG(logCategory(), ko::log::info, "main") << "stopped";
   return 0;
 }
