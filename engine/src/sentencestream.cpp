@@ -1,6 +1,7 @@
 #include "sentencestream.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <limits>
 #include <tuple>
 
@@ -15,6 +16,9 @@ namespace {
 constexpr std::size_t kLargestPiece = 1024;
 
 bool isBlank(char32_t c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == 0xA0; }
+
+// Samples at most this loud (about -42 dBFS) are the silence after a clause.
+constexpr short kSilence = 256;
 
 }  // namespace
 
@@ -79,15 +83,27 @@ void SentenceStream::addClauseEnd(int espeakPosition, long long sample) {
   // whatever that position says.
   const int end = std::max(tagFreeIndex(espeakPosition), anchorIndex + 1);
   sample = std::max(sample, anchorSample);
-  placeWordsBefore(end, sample);
+  placeWordsBefore(end, audibleEnd(sample));
   closed = true;
   closeIndex = end;
   closeSample = sample;
 }
 
 void SentenceStream::finish() {
-  placeWordsBefore(std::numeric_limits<int>::max(), received);
+  placeWordsBefore(std::numeric_limits<int>::max(), audibleEnd(received));
   finished = true;
+}
+
+long long SentenceStream::audibleEnd(long long end) const {
+  // Words folded into the last word of a clause are placed in its sound, not in the pause
+  // after it.
+  if (!hasAnchor || closed) return end;
+  long long last = std::min(end, received);
+  while (last > anchorSample && last > released &&
+         std::abs(held[static_cast<std::size_t>(last - 1 - released)]) <= kSilence) {
+    --last;
+  }
+  return last > anchorSample ? last : end;
 }
 
 void SentenceStream::placeWordsBefore(int limitIndex, long long limitSample) {

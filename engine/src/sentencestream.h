@@ -92,6 +92,9 @@ class SentenceStream {
   void addPending(ZR::TextToSpeechEngineEvent type, int value, long long sample, int textIndex,
                   int order);
   long long earliestUnsettled() const;
+  // The end of the sound of the current eSpeak word when its audio ends at `end`: without the
+  // silence before `end`.
+  long long audibleEnd(long long end) const;
 
   const EspeakMarkup& markup;
   std::vector<short> held;  // samples from `released` on

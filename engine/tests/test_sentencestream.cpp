@@ -45,6 +45,9 @@ class RecordingSink : public StreamSink {
 struct Audio {
   long long samples;
 };
+struct Silence {
+  long long samples;
+};
 struct Word {
   int index;
   long long sample;
@@ -57,7 +60,7 @@ struct ClauseEnd {
   int index;
   long long sample;
 };
-using Report = std::variant<Audio, Word, Mark, ClauseEnd>;
+using Report = std::variant<Audio, Silence, Word, Mark, ClauseEnd>;
 
 // eSpeak's 1-based position in the markup of the character at tag-free `index`: the last code
 // point that stands for it (markup before a character stands for it too).
@@ -71,8 +74,11 @@ int espeakPosition(const EspeakMarkup& markup, int index) {
 
 void feed(SentenceStream& stream, const EspeakMarkup& markup, const Report& report) {
   if (const auto* audio = std::get_if<Audio>(&report)) {
-    stream.addAudio(std::vector<short>(audio->samples, 1).data(),
+    stream.addAudio(std::vector<short>(audio->samples, 3000).data(),
                     static_cast<std::size_t>(audio->samples));
+  } else if (const auto* silence = std::get_if<Silence>(&report)) {
+    stream.addAudio(std::vector<short>(silence->samples, 20).data(),
+                    static_cast<std::size_t>(silence->samples));
   } else if (const auto* word = std::get_if<Word>(&report)) {
     stream.addWord(espeakPosition(markup, word->index), word->sample);
   } else if (const auto* mark = std::get_if<Mark>(&report)) {
@@ -99,6 +105,10 @@ TEST(SentenceStream, GivesEveryWordOfTheServiceSplitItsPlaceInTheAudio) {
        "at 5 p.m.",
        {Word{0, 0}, Word{3, 300}, Audio{1000}, Word{5, 500}, ClauseEnd{8, 1000}},
        {"w0@0", "w3@300", "w5@500", "w7@833"}},
+      {"two words read as one before a pause: in its sound, not in the pause",
+       "at 5 p.m.",
+       {Word{0, 0}, Word{3, 300}, Audio{700}, Word{5, 500}, Silence{300}, ClauseEnd{8, 1000}},
+       {"w0@0", "w3@300", "w5@500", "w7@633"}},
       {"a symbol eSpeak skips between clauses: at the clause end",
        "Hello, # world",
        {Word{0, 0}, Audio{500}, ClauseEnd{6, 500}, Audio{500}, Word{9, 700}, ClauseEnd{13, 1000}},
