@@ -192,9 +192,9 @@ TEST_F(EspeakFast, AMarkIsReportedAtItsPlaceInTheAudio) {
 }
 
 TEST_F(EspeakFast, AStopWhileAudioIsHeldBackEndsTheSentenceAtOnce) {
-  // Long enough to take a while to synthesise even in fast mode.
+  // About half a second to synthesise in fast mode.
   std::string text;
-  for (int i = 0; i < 20; ++i) text += lowerCaseAfterFullStops() + " ";
+  for (int i = 0; i < 40; ++i) text += lowerCaseAfterFullStops() + " ";
   auto speaking =
       std::async(std::launch::async, [&] { backend_.startSynthetizer(text, callback_); });
   for (int i = 0; i < 1000 && callback_.events(ZR::TTS_EVENT_WORD).size() < 2; ++i) {
