@@ -40,7 +40,11 @@ void ZRTextToSpeech::xLoadDefaultLanguage() {
       logBuffer();
       throw ZRError(getName(), "xLoadDefaultLanguage", buffer.str());
     }
-    globalVoiceSetting = xGetVoiceSettingFromLanguage(language);
+    VoiceSetting setting = xGetVoiceSettingFromLanguage(language);
+    {
+      boost::unique_lock<boost::shared_mutex> settingsLock(taskQueueLock);
+      globalVoiceSetting = setting;
+    }
     ttsManager->setCurrentLanguage(language);
     return;
   } catch (const ZRError& error) {
@@ -72,7 +76,11 @@ void ZRTextToSpeech::xLoadDefaultLanguage() {
           << language << " language is not installed.";
       return;
     }
-    globalVoiceSetting = xGetVoiceSettingFromLanguage(fallbackLanguage);
+    VoiceSetting setting = xGetVoiceSettingFromLanguage(fallbackLanguage);
+    {
+      boost::unique_lock<boost::shared_mutex> settingsLock(taskQueueLock);
+      globalVoiceSetting = setting;
+    }
     ttsManager->setCurrentLanguage(fallbackLanguage);
   } catch (const ZRError& error) {
     KO_LOG(logCategory, ko::log::error, "xLoadDefaultLanguage")

@@ -47,9 +47,9 @@ void ZRTextToSpeech::diagnosis() const {
   // Each engine query is made only when its record is written (KO_LOG checks the level first).
   KO_LOG(logCategory, ko::log::info, "diagnosis") << "TTS Diagnosis :";
   KO_LOG(logCategory, ko::log::info, "diagnosis")
-      << "- current voice setting : " << appliedVoiceSetting.value;
+      << "- current voice setting : " << xAppliedSetting().value;
   KO_LOG(logCategory, ko::log::info, "diagnosis")
-      << "- language : " << ttsManager->getLanguage(globalVoiceSetting.value);
+      << "- language : " << ttsManager->getLanguage(xRequestedSetting().value);
   KO_LOG(logCategory, ko::log::info, "diagnosis")
       << "- current language : " << ttsManager->getCurrentLanguage();
   KO_LOG(logCategory, ko::log::info, "diagnosis")
@@ -58,7 +58,7 @@ void ZRTextToSpeech::diagnosis() const {
     std::size_t pending = 0;
     {
       // The queue changes on the speaking thread; a reader's lock keeps the count consistent.
-      boost::shared_lock<boost::shared_mutex> lock(const_cast<boost::shared_mutex&>(taskQueueLock));
+      boost::shared_lock<boost::shared_mutex> lock(taskQueueLock);
       pending = taskQueue.size();
     }
     KO_LOG(logCategory, ko::log::info, "diagnosis")
@@ -68,8 +68,8 @@ void ZRTextToSpeech::diagnosis() const {
 }
 
 void ZRTextToSpeech::showVoiceSettings() const {
-  printVoiceSettings(appliedVoiceSetting, "Current");
-  printVoiceSettings(globalVoiceSetting, "Global");
+  printVoiceSettings(xAppliedSetting(), "Current");
+  printVoiceSettings(xRequestedSetting(), "Global");
 }
 
 }  // namespace ZR

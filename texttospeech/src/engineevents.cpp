@@ -126,9 +126,10 @@ bool ZRTextToSpeech::keepOnlyAudibleSamples(const short* samples, int& count) {
   if (n <= 0) {
     return n >= 0;
   }
+  const int quietLevel = maxLevel;
   int run = 0;
   for (int i = 0; i < n; ++i) {
-    if (std::abs(static_cast<int>(samples[i])) > maxLevel) {
+    if (std::abs(static_cast<int>(samples[i])) > quietLevel) {
       run = 0;
     } else {
       ++run;

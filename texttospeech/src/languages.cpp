@@ -93,11 +93,12 @@ void ZRTextToSpeech::setLanguage(const std::string& language) {
 }
 
 std::string ZRTextToSpeech::getLanguage() {
-  switch (globalVoiceSetting.type) {
+  const VoiceSetting requested = xRequestedSetting();
+  switch (requested.type) {
     case VOICE:
-      return ttsManager->getLanguage(globalVoiceSetting.value);
+      return ttsManager->getLanguage(requested.value);
     case LANGUAGE:
-      return globalVoiceSetting.value;
+      return requested.value;
     default:
       throw ZRError(getName(), "getLanguage()", "Invalid default language");
   }

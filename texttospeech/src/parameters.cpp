@@ -84,9 +84,12 @@ void ZRTextToSpeech::xSetParameter(const std::string& name, const float& value) 
 }
 
 float ZRTextToSpeech::getParameter(const std::string& name) {
-  auto found = appliedVoiceSetting.parameters.find(name);
-  if (found != appliedVoiceSetting.parameters.end() && !isIgnoredEngineParameter(name)) {
-    return found->second;
+  {
+    boost::shared_lock<boost::shared_mutex> settingsLock(taskQueueLock);
+    auto found = appliedVoiceSetting.parameters.find(name);
+    if (found != appliedVoiceSetting.parameters.end() && !isIgnoredEngineParameter(name)) {
+      return found->second;
+    }
   }
   return ttsManager->getParameter(name);
 }
@@ -111,7 +114,7 @@ void ZRTextToSpeech::setVolume(const float& newVolume) {
 float ZRTextToSpeech::getVolume() { return volume; }
 
 bool ZRTextToSpeech::shouldFxBeAppliedOnVoice() {
-  auto& parameters = appliedVoiceSetting.parameters;
+  auto parameters = xAppliedSetting().parameters;
   const float pitchShift = parameters["pitchShift"];
   if (pitchShift != 0.0f && pitchShift != 1.0f) return true;
   const float doubleVoice = parameters["doubleVoice"];

@@ -39,7 +39,7 @@ ZRValue statusValue(int id, const std::string& word) {
 
 void ZRTextToSpeech::say(const std::string& text) {
   boost::lock_guard<boost::mutex> lock(ttsMutex);
-  ZR::VoiceSetting setting = globalVoiceSetting;
+  ZR::VoiceSetting setting = xRequestedSetting();
   xSay(text, setting, false, "");
 }
 
@@ -55,7 +55,7 @@ void ZRTextToSpeech::say(const std::string& text, const std::string& language) {
 
 void ZRTextToSpeech::sayToFile(const std::string& text, const std::string& fileName) {
   boost::lock_guard<boost::mutex> lock(ttsMutex);
-  ZR::VoiceSetting setting = globalVoiceSetting;
+  ZR::VoiceSetting setting = xRequestedSetting();
   xSay(text, setting, true, fileName);
 }
 

@@ -96,6 +96,16 @@ VoiceSetting ZRTextToSpeech::xGetVoiceSettingFromLanguage(const std::string& lan
   return fromFile;
 }
 
+VoiceSetting ZRTextToSpeech::xRequestedSetting() const {
+  boost::shared_lock<boost::shared_mutex> settingsLock(taskQueueLock);
+  return globalVoiceSetting;
+}
+
+VoiceSetting ZRTextToSpeech::xAppliedSetting() const {
+  boost::shared_lock<boost::shared_mutex> settingsLock(taskQueueLock);
+  return appliedVoiceSetting;
+}
+
 void ZRTextToSpeech::xSetVoiceSetting(VoiceSetting setting) {
   const VoiceSetting requested = setting;
   const VoiceSetting applied = appliedVoiceSetting;

@@ -210,6 +210,11 @@ class ZRTextToSpeech : public ZRModule, public TextToSpeechEngineCallbackInterfa
   std::string xFormatLanguage(const std::string& language) const;
   std::vector<std::string> xGetAvailableLanguages();
 
+  /// Copies of the requested and the applied voice settings, read under taskQueueLock (shared):
+  /// both change only under that lock taken exclusively.
+  ZR::VoiceSetting xRequestedSetting() const;
+  ZR::VoiceSetting xAppliedSetting() const;
+
   void xSetVoice(const std::string& voice);
   void xSetDefaultVoice();
   void xSetVoiceSetting(ZR::VoiceSetting setting);
@@ -223,8 +228,8 @@ class ZRTextToSpeech : public ZRModule, public TextToSpeechEngineCallbackInterfa
 
   // Read access for tests and diagnostics -----------------------------------------------------
   TextToSpeechManager* engine() const { return ttsManager; }
-  ZR::VoiceSetting globalSetting() const { return globalVoiceSetting; }
-  ZR::VoiceSetting appliedSetting() const { return appliedVoiceSetting; }
+  ZR::VoiceSetting globalSetting() const { return xRequestedSetting(); }
+  ZR::VoiceSetting appliedSetting() const { return xAppliedSetting(); }
   int markerAdvance() const { return mrkAdvance; }
   int audibleMaxLevel() const { return maxLevel; }
   int audibleMinSize() const { return minSize; }
@@ -237,7 +242,10 @@ class ZRTextToSpeech : public ZRModule, public TextToSpeechEngineCallbackInterfa
   boost::shared_ptr<ZR::TTSLanguageInfo> languageInfo;
   std::list<boost::shared_ptr<ZRTextToSpeechTask>> taskQueue;
   boost::mutex ttsMutex;
-  boost::shared_mutex taskQueueLock;
+  // Guards the queue, and the voice settings (`globalVoiceSetting`, `appliedVoiceSetting`):
+  // they change only with it taken exclusively; readers that do not change them take it
+  // shared. Mutable, so that const readers (diagnosis) take it too.
+  mutable boost::shared_mutex taskQueueLock;
   ZR::VoiceSetting appliedVoiceSetting;
   ZR::VoiceSetting globalVoiceSetting;
   boost::condition_variable_any taskAvailable;
@@ -256,7 +264,8 @@ class ZRTextToSpeech : public ZRModule, public TextToSpeechEngineCallbackInterfa
   boost::shared_ptr<ZR::ZRPreferenceManagerProxy> preferenceManagerProxy;
   int wordPosition;
   int textOffset;
-  float volume;
+  // Set and read by any client thread without a lock.
+  std::atomic<float> volume;
   std::vector<std::string> currentWords;
   boost::shared_mutex currentWordsLock;
   // Read by stop requests on other threads while the speaking thread sets it.
@@ -270,8 +279,9 @@ class ZRTextToSpeech : public ZRModule, public TextToSpeechEngineCallbackInterfa
   std::list<ZRTextToSpeechMarker> markers;
   boost::mutex pendingMarkerMutex;
   std::list<ZRTextToSpeechMarker> pendingMarkers;
-  int maxLevel;
-  int minSize;
+  // Set by clients, read by the audio callback on the speaking thread.
+  std::atomic<int> maxLevel;
+  std::atomic<int> minSize;
   int mrkAdvance;
   bool lastTagResult;
   bool reloadFlag;
