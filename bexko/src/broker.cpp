@@ -28,7 +28,6 @@ ko::log::CategoryType logCategory() {
   return category;
 }
 
-constexpr int maxPostedId = 2147483646;
 // Finished posted calls remembered for wait(), so that waiting for a call that ended before the
 // wait began is not mistaken for waiting for an unknown one.
 constexpr std::size_t finishedIdsKept = 4096;
@@ -54,7 +53,7 @@ struct ZRBroker::Impl {
   bool shutDown = false;
 
   mutable std::mutex postsMutex;
-  int lastPostedId = 0;
+  int lastIdHandedOut = 0;  // 0 until the first post
   std::map<int, ko::Future<ZRValue>> runningPosts;
   std::deque<int> finishedOrder;
   std::set<int> finishedPosts;
@@ -69,16 +68,17 @@ struct ZRBroker::Impl {
 
   int nextPostedId(const ko::Future<ZRValue>& result) {
     std::lock_guard<std::mutex> lock(postsMutex);
-    // Skips ids still in use after a wrap, which would take two billion calls in flight to
+    if (const int continued = bexko::detail::takeContinuedPostedId()) lastIdHandedOut = continued;
+    // Skips ids still in use after a wrap, which would take a billion calls in flight to
     // exhaust.
     do {
-      lastPostedId = lastPostedId >= maxPostedId ? 1 : lastPostedId + 1;
-    } while (runningPosts.count(lastPostedId) > 0);
-    if (finishedPosts.erase(lastPostedId) > 0) {
-      finishedOrder.erase(std::find(finishedOrder.begin(), finishedOrder.end(), lastPostedId));
+      lastIdHandedOut = bexko::detail::postedIdAfter(lastIdHandedOut);
+    } while (runningPosts.count(lastIdHandedOut) > 0);
+    if (finishedPosts.erase(lastIdHandedOut) > 0) {
+      finishedOrder.erase(std::find(finishedOrder.begin(), finishedOrder.end(), lastIdHandedOut));
     }
-    runningPosts.emplace(lastPostedId, result);
-    return lastPostedId;
+    runningPosts.emplace(lastIdHandedOut, result);
+    return lastIdHandedOut;
   }
 
   void postFinished(int id) {

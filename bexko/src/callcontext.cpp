@@ -9,6 +9,7 @@ namespace {
 
 thread_local std::vector<CallFrame> callStack;
 thread_local int pendingPostedId = 0;
+thread_local int continuedPostedId = 0;
 
 }  // namespace
 
@@ -33,6 +34,14 @@ int takePostedCallMark() {
   int id = pendingPostedId;
   pendingPostedId = 0;
   return id;
+}
+
+void continuePostedIdsAfter(int last) { continuedPostedId = last; }
+
+int takeContinuedPostedId() {
+  const int last = continuedPostedId;
+  continuedPostedId = 0;
+  return last;
 }
 
 }  // namespace detail

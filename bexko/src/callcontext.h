@@ -1,5 +1,7 @@
 #pragma once
 
+#include <zr/export.h>
+
 namespace ZR {
 class ZRModuleCore;
 }
@@ -42,6 +44,27 @@ class PostedCallMark {
 
 /// Takes the posted-call mark of this thread: the id, or 0 when the call was not posted.
 int takePostedCallMark();
+
+/// Posted-call ids run from firstPostedId to lastPostedId and then wrap back to firstPostedId.
+/// Modules number their own tasks from 1 and hand both kinds of id to the same stop(id), so the
+/// host starts a billion higher: the two ranges never meet in practice.
+constexpr int firstPostedId = 1000000000;
+constexpr int lastPostedId = 2147483646;
+
+/// The posted-call id that follows `last`; firstPostedId after lastPostedId, and for any `last`
+/// outside the range (0: nothing handed out yet).
+constexpr int postedIdAfter(int last) {
+  return last < firstPostedId || last >= lastPostedId ? firstPostedId : last + 1;
+}
+
+/// Test hook, not part of the host's API: the next ZR::ZRBroker::post made on this thread
+/// continues its broker's id sequence after `last`, as if `last` had just been handed out. It
+/// lets a test reach the wrap without posting a billion calls.
+BEXKO_API void continuePostedIdsAfter(int last);
+
+/// Takes this thread's continuePostedIdsAfter value: the id to continue after, or 0 when none
+/// was set.
+int takeContinuedPostedId();
 
 }  // namespace detail
 }  // namespace bexko

@@ -2,6 +2,7 @@
 
 #include <zr/zrproxy.h>
 
+#include "callcontext.h"
 #include "sample_modules.h"
 
 namespace {
@@ -66,6 +67,31 @@ TEST_F(BrokerTest, PostedCallRunsWithItsIdAndIsStoppedThroughTheModule) {
   EXPECT_TRUE(broker_->wait(posted.id, 0));
   EXPECT_FALSE(broker_->wait(posted.id + 1000, 0));
   EXPECT_THROW(broker_->stop("Nobody", posted.id), ZRError);
+}
+
+// Modules number their own tasks from 1 and their stop(id) also receives posted ids: posted ids
+// start a billion higher, and wrap back there (never to 1), skipping calls still running.
+TEST_F(BrokerTest, PostedIdsCountFromOneBillionAndWrapBackThereSkippingRunningCalls) {
+  const ZR::ZRPostedCall blocking = broker_->post("Calculator", "waitForStop", {});
+  EXPECT_EQ(blocking.id, 1000000000);
+  calculator_->awaitWaiters(1);
+  const ZR::ZRPostedCall finished = broker_->post("Calculator", "add", {1, 2});
+  EXPECT_EQ(finished.id, 1000000001);
+  EXPECT_EQ(finished.result.value(longWaitMs), ZRValue(3));
+
+  bexko::detail::continuePostedIdsAfter(2147483645);
+  std::vector<int> ids;
+  for (int i = 0; i < 3; ++i) {
+    const ZR::ZRPostedCall posted = broker_->post("Calculator", "add", {i, 1});
+    EXPECT_EQ(posted.result.value(longWaitMs), ZRValue(i + 1));
+    ids.push_back(posted.id);
+  }
+  // 2147483646 is the last id; 1000000000 is still running, and a finished id may be reused.
+  EXPECT_EQ(ids, (std::vector<int>{2147483646, 1000000001, 1000000002}));
+
+  broker_->stop("Calculator", blocking.id);
+  EXPECT_EQ(blocking.result.value(longWaitMs), ZRValue::array(true, blocking.id));
+  EXPECT_TRUE(broker_->wait(1000000001, 0));  // the reused id is known as finished again
 }
 
 TEST_F(BrokerTest, OnlyThePostedCallItselfSeesItsId) {

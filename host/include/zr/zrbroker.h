@@ -88,9 +88,14 @@ class BEXKO_API ZRBroker : public boost::enable_shared_from_this<ZRBroker> {
   /// Runs a call on a host thread (not a posted call); `done` receives the outcome there.
   void callAsync(const std::string& module, const std::string& method, std::vector<ZRValue> args,
                  ZRCallCallback done);
-  /// Posts a call: returns its id at once (1 to 2147483646, then wrapping) and runs it on a host
-  /// thread where isPCalled() is true and getMethodID() is the id; `done` (optional) receives
-  /// the outcome there. An unknown module or method is reported through the outcome.
+  /// Posts a call: returns its id at once and runs it on a host thread where isPCalled() is true
+  /// and getMethodID() is the id; `done` (optional) receives the outcome there. An unknown
+  /// module or method is reported through the outcome.
+  ///
+  /// Ids count from 1000000000 up to 2147483646 and then wrap back to 1000000000, skipping ids
+  /// of calls still running; they are never 0, negative or 2147483647. Modules number the tasks
+  /// they start on their own from 1, and stop(id) receives both kinds, so a posted id does not
+  /// meet a module's own task id in practice (it would take a module a billion tasks).
   ZRPostedCall post(const std::string& module, const std::string& method,
                     std::vector<ZRValue> args, ZRCallCallback done = {});
   /// The host's stop of a posted call: calls the module's stop(id) on this thread. Throws
