@@ -15,8 +15,6 @@
 #include <zr/zrerror.h>
 #include <zr/zrmemoryproxy.h>
 
-#include "names.h"
-
 namespace fs = boost::filesystem;
 
 namespace bexko {
@@ -32,30 +30,87 @@ ko::log::CategoryType logCategory() {
 const char* const moduleName = "PackageManager";
 const char* const manifestName = "manifest.xml";
 
-/// Package folders of one packages folder, in name order.
+/// The identifier as it is shown in messages: control bytes written as \xNN, so that a message
+/// naming a hostile identifier stays one readable line.
+std::string shownIdentifier(const std::string& identifier) {
+  std::string shown;
+  for (char c : identifier) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte < 0x20 || byte == 0x7f) {
+      static const char digits[] = "0123456789abcdef";
+      shown += "\\x";
+      shown += digits[byte >> 4];
+      shown += digits[byte & 0xf];
+    } else {
+      shown += c;
+    }
+  }
+  return shown;
+}
+
+/// Why `identifier` cannot name a package folder, or "" when it can. An identifier becomes one
+/// path component under the packages folder, and that folder is what remove deletes: ".", ".."
+/// or a separator would make it name the packages folder itself or a place outside it.
+std::string identifierProblem(const std::string& identifier) {
+  if (identifier.empty()) return "it is empty";
+  for (char c : identifier) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (c == '/' || c == '\\') return "it contains a path separator";
+    if (byte < 0x20 || byte == 0x7f) return "it contains a control character";
+  }
+  if (identifier == "." || identifier == "..") return "it names a folder, not a package";
+  if (identifier.front() == '.') {
+    return "it begins with '.', which is kept for the package manager's own work folders";
+  }
+  return "";
+}
+
+/// Package folders of one packages folder, in name order. Hidden folders are the manager's own
+/// work folders (an install being copied, a version being replaced) and are never packages.
 std::vector<fs::path> packageFolders(const fs::path& packagesFolder) {
   std::vector<fs::path> folders;
   boost::system::error_code error;
   if (!fs::is_directory(packagesFolder, error)) return folders;
   for (fs::directory_iterator it(packagesFolder, error), end; !error && it != end;
        it.increment(error)) {
+    if (it->path().filename().string().front() == '.') continue;
     if (fs::is_directory(it->path(), error)) folders.push_back(it->path());
   }
   std::sort(folders.begin(), folders.end());
   return folders;
 }
 
+/// Copies the tree `from` into `to`, which must not exist. Symbolic links are never followed:
+/// a link inside a package is refused (a package is plain files and folders, and a link could
+/// pull in anything the host can read, or loop), so the copy holds only what lies in `from`.
+/// Entries that are neither files, folders nor links (sockets, pipes) are not part of a package
+/// and are left out. Throws fs::filesystem_error.
 void copyFolder(const fs::path& from, const fs::path& to) {
-  fs::create_directories(to);
+  fs::create_directory(to);
   for (fs::directory_iterator it(from), end; it != end; ++it) {
     const fs::path target = to / it->path().filename();
-    if (fs::is_directory(it->status())) {
-      copyFolder(it->path(), target);
-    } else if (fs::is_regular_file(it->status())) {
-      fs::copy_file(it->path(), target, fs::copy_option::overwrite_if_exists);
+    const fs::file_status status = it->symlink_status();
+    if (fs::is_symlink(status)) {
+      throw fs::filesystem_error(
+          "a package must not contain a symbolic link (" + it->path().string() + ")",
+          boost::system::errc::make_error_code(boost::system::errc::operation_not_permitted));
     }
-    // Other entries (sockets, dangling links) are not part of a package.
+    if (fs::is_directory(status)) {
+      copyFolder(it->path(), target);
+    } else if (fs::is_regular_file(status)) {
+      fs::copy_file(it->path(), target);
+    }
   }
+}
+
+/// Deletes `path` without following links: a link is removed itself, never what it points to,
+/// and the walk never enters a linked folder.
+void removeTree(const fs::path& path) {
+  const fs::file_status status = fs::symlink_status(path);
+  if (fs::is_directory(status)) {
+    for (fs::directory_iterator it(path), end; it != end; ++it) removeTree(it->path());
+  }
+  if (fs::exists(status)) fs::remove(path);
 }
 
 bool isSameFolder(const fs::path& a, const fs::path& b) {
@@ -82,8 +137,10 @@ ko::PackageInfo readManifest(const std::string& folder, const std::string& metho
   ko::PackageInfo package;
   std::string identifier = root.attribute("identifier").as_string();
   if (identifier.empty()) throw malformed("the package has no identifier");
-  if (!detail::isPlainFileName(identifier)) {
-    throw malformed("the identifier \"" + identifier + "\" is not a valid folder name");
+  const std::string problem = identifierProblem(identifier);
+  if (!problem.empty()) {
+    throw malformed("invalid package identifier \"" + shownIdentifier(identifier) +
+                    "\": " + problem);
   }
   package.setIdentifier(identifier);
   package.setVersion(root.attribute("version").as_string());
@@ -226,20 +283,47 @@ void PackageManager::install(const std::string& folder) {
     const fs::path packages = userPackagesPath();
     const fs::path target = packages / package.identifier();
     if (!isSameFolder(folder, target)) {
-      // Copy beside the target first, so that a failed copy leaves the installed package as is.
+      // The new version is copied beside the target and renamed into place; the old one is
+      // first renamed aside and deleted only once the new one is in place. A failure at any
+      // step leaves the installed version as it was and no partial copy; a crash leaves the
+      // hidden work folders, which the next install of this identifier clears.
       const fs::path staging = packages / (".install-" + package.identifier());
+      const fs::path replaced = packages / (".replaced-" + package.identifier());
+      bool movedAside = false;
       try {
         fs::create_directories(packages);
-        fs::remove_all(staging);
+        removeTree(staging);
+        removeTree(replaced);
         copyFolder(folder, staging);
-        fs::remove_all(target);
+        if (fs::exists(fs::symlink_status(target))) {
+          fs::rename(target, replaced);
+          movedAside = true;
+        }
         fs::rename(staging, target);
       } catch (const fs::filesystem_error& e) {
         boost::system::error_code ignored;
-        fs::remove_all(staging, ignored);
+        if (movedAside && !fs::exists(fs::symlink_status(target, ignored))) {
+          fs::rename(replaced, target, ignored);
+        }
+        try {
+          removeTree(staging);
+        } catch (const fs::filesystem_error& cleanup) {
+          KO_LOG(logCategory(), ko::log::warning, method)
+              << "Could not clear " << staging.string() << ": " << cleanup.what();
+        }
         throw ZR::ZRError(
             moduleName, method,
             "Cannot install " + folder + " into " + target.string() + ": " + e.what());
+      }
+      if (movedAside) {
+        try {
+          removeTree(replaced);
+        } catch (const fs::filesystem_error& e) {
+          // The new version is in place; the old one only takes room until the next install.
+          KO_LOG(logCategory(), ko::log::warning, method)
+              << "Could not delete the replaced version in " << replaced.string() << ": "
+              << e.what();
+        }
       }
     }
     package.setPath(target.string());
@@ -253,8 +337,11 @@ void PackageManager::install(const std::string& folder) {
 
 void PackageManager::remove(const std::string& identifier) {
   const char* method = "remove";
-  if (!detail::isPlainFileName(identifier)) {
-    throw ZR::ZRError(moduleName, method, "Invalid package identifier \"" + identifier + "\"");
+  const std::string problem = identifierProblem(identifier);
+  if (!problem.empty()) {
+    throw ZR::ZRError(
+        moduleName, method,
+        "Invalid package identifier \"" + shownIdentifier(identifier) + "\": " + problem);
   }
   ko::PackageInfo package;
   {
@@ -277,7 +364,8 @@ void PackageManager::remove(const std::string& identifier) {
                         "No package with the identifier \"" + identifier + "\" is installed");
     }
     try {
-      fs::remove_all(package.path());
+      // A package folder that is a link is unlinked: what it points to is not ours to delete.
+      removeTree(package.path());
     } catch (const fs::filesystem_error& e) {
       throw ZR::ZRError(moduleName, method,
                         "Cannot remove " + package.path() + ": " + std::string(e.what()));
