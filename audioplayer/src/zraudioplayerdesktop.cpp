@@ -1,7 +1,10 @@
 #include <zr/zraudioplayerdesktop.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -116,20 +119,15 @@ void ZRAudioPlayerDesktop::playFile(const std::string& fileName, const float& vo
   _playFileFromPosition(fileName, 0, volume, pan, false);
 }
 
-void ZRAudioPlayerDesktop::playFileInLoop(const std::string& fileName) {
-  while (_playFileFromPosition(fileName, 0, 1.0f, 0, true)) {
-  }
-}
+void ZRAudioPlayerDesktop::playFileInLoop(const std::string& fileName) { xLoop(fileName); }
 
 void ZRAudioPlayerDesktop::playFileInLoop(const std::string& fileName, const float& volume,
                                           const float& pan) {
-  while (_playFileFromPosition(fileName, 0, volume, pan, true)) {
-  }
+  xLoop(fileName);
 }
 
 void ZRAudioPlayerDesktop::_playFileInLoop(const std::string& fileName, float volume, float pan) {
-  while (_playFileFromPosition(fileName, 0, volume, pan, true)) {
-  }
+  xLoop(fileName);
 }
 
 void ZRAudioPlayerDesktop::playFileFromPosition(const std::string& fileName,
@@ -144,6 +142,11 @@ void ZRAudioPlayerDesktop::playFileFromPosition(const std::string& fileName, con
 
 bool ZRAudioPlayerDesktop::_playFileFromPosition(const std::string& fileName, float position,
                                                  float volume, float pan, bool loop) {
+  return xPlayPass(fileName, false).end != PassEnd::Stopped;
+}
+
+ZRAudioPlayerDesktop::Pass ZRAudioPlayerDesktop::xPlayPass(const std::string& fileName,
+                                                           bool inLoop) {
   static const char* const kMethod = "_playFileFromPosition";
   if (!isAWavFile(fileName) && !isAOggFile(fileName)) {
     throw ZRError(kModuleName, kMethod, "Format not supported. Only .ogg and .wav are supported");
@@ -151,13 +154,16 @@ bool ZRAudioPlayerDesktop::_playFileFromPosition(const std::string& fileName, fl
 
   // A posted call is known to its client by the host's call id, which is also what the host's
   // stop passes back to us; a loop that was posted reuses it for every pass.
+  Pass pass;
   const int taskId = isPCalled() ? getMethodID() : xGenerateUniqueTaskID();
+  pass.taskId = taskId;
 
   // The library path is handed to the player as its second argument, not set in its
   // environment; players installed by the host accept it there.
   const std::string libraryPath =
       "DYLD_LIBRARY_PATH=" + (boost::filesystem::path(ko::path::sdkPrefix()) / "lib").string();
   const char* const argv[] = {playerPath.c_str(), fileName.c_str(), libraryPath.c_str(), nullptr};
+  const auto started = std::chrono::steady_clock::now();
   const int pid = ko::os::spawnvp(argv);
   KO_LOG(playerCategory(), ko::log::info, kMethod)
       << "Launch " << playerPath << " " << fileName << " -> pid = " << pid;
@@ -177,22 +183,82 @@ bool ZRAudioPlayerDesktop::_playFileFromPosition(const std::string& fileName, fl
 
   int status = 0;
   const int waited = ko::os::waitpid(pid, &status);
+  const int waitError = errno;
+  const bool failedAtOnce =
+      (waited != 0 || status != 0) && std::chrono::steady_clock::now() - started < failedAtOnceMs;
+  // A loop reports the failures of its passes that fail at once itself, once per run of them.
+  const ko::log::LogLevel failureLevel =
+      inLoop && failedAtOnce ? ko::log::verbose : ko::log::warning;
   if (waited != 0) {
-    const int waitError = errno;
-    KO_LOG(playerCategory(), ko::log::warning, kMethod)
+    KO_LOG(playerCategory(), failureLevel, kMethod)
         << "Waiting pid " << pid << " returned " << waited << " (errno=" << waitError << ")";
   }
   if (status != 0) {
-    KO_LOG(playerCategory(), ko::log::warning, kMethod)
+    KO_LOG(playerCategory(), failureLevel, kMethod)
         << "Audioplayer exited abnormally with the code=" << status;
   }
+  pass.status = status;
 
   ZRCriticalSection lock(stopMutex);
   auto running = taskToPid.find(taskId);
   if (running == taskToPid.end()) {
-    return false;  // a stop removed it
+    pass.end = PassEnd::Stopped;  // a stop removed it
+    return pass;
   }
   taskToPid.erase(running);
+  if (!failedAtOnce) {
+    pass.end = PassEnd::Played;
+    return pass;
+  }
+  // The loop will wait before its next pass: it is entered as waiting in the same step that
+  // takes it out of taskToPid, so that a stop finds it in one or the other.
+  if (inLoop) loopsWaiting.insert(taskId);
+  pass.end = PassEnd::FailedAtOnce;
+  return pass;
+}
+
+void ZRAudioPlayerDesktop::xLoop(const std::string& fileName) {
+  static const char* const kMethod = "playFileInLoop";
+  int failuresInARow = 0;
+  std::chrono::milliseconds delay = backOffFirstMs;
+  for (;;) {
+    const Pass pass = xPlayPass(fileName, true);
+    if (pass.end == PassEnd::Stopped) return;
+    if (pass.end == PassEnd::Played) {
+      if (failuresInARow > 0) {
+        KO_LOG(playerCategory(), ko::log::info, kMethod)
+            << "The player plays " << fileName << " again after " << failuresInARow
+            << " failed passes";
+      }
+      failuresInARow = 0;
+      delay = backOffFirstMs;
+      continue;
+    }
+    // A player that fails at once would otherwise be started again at once, for as long as the
+    // loop lives: the loop waits, longer after each failure, until a pass plays or it is stopped.
+    ++failuresInARow;
+    if (failuresInARow == 1) {
+      KO_LOG(playerCategory(), ko::log::warning, kMethod)
+          << "The player failed at once on " << fileName << " (exit code " << pass.status
+          << "): the loop waits before each new pass, from " << backOffFirstMs.count()
+          << " ms up to " << backOffLongestMs.count() << " ms, until a pass plays";
+    } else {
+      KO_LOG(playerCategory(), ko::log::verbose, kMethod)
+          << "The player failed at once on " << fileName << " " << failuresInARow
+          << " times in a row (exit code " << pass.status << "); next pass in " << delay.count()
+          << " ms";
+    }
+    if (!xWaitBeforeNextPass(pass.taskId, delay)) return;
+    delay = std::min(delay * 2, std::chrono::milliseconds(backOffLongestMs));
+  }
+}
+
+bool ZRAudioPlayerDesktop::xWaitBeforeNextPass(int taskId, std::chrono::milliseconds delay) {
+  std::unique_lock<ZRMutex> lock(*stopMutex);
+  const bool stopped =
+      loopWaitEnded.wait_for(lock, delay, [&] { return loopsWaiting.count(taskId) == 0; });
+  if (stopped) return false;
+  loopsWaiting.erase(taskId);
   return true;
 }
 
@@ -200,6 +266,11 @@ void ZRAudioPlayerDesktop::stop(const int& id) {
   ZRCriticalSection lock(stopMutex);
   auto running = taskToPid.find(id);
   if (running == taskToPid.end()) {
+    // A loop waiting after a failed pass has no player to kill: it is woken and ends.
+    if (loopsWaiting.erase(id) > 0) {
+      KO_LOG(playerCategory(), ko::log::verbose, "stop") << "Stopped the waiting loop " << id;
+      loopWaitEnded.notify_all();
+    }
     return;
   }
   const int pid = running->second;

@@ -352,6 +352,101 @@ TEST_F(PostedPlayback, IsStoppedThroughTheHostByItsCallId) {
   EXPECT_EQ(player->xGenerateUniqueTaskID(), 1);
 }
 
+using LoopBackOff = FakePlayerTest;
+
+// A player that refuses the file exits at once; the loop used to start it again at once, dozens
+// of times a second for as long as the daemon ran. Now it waits 100 ms, then twice as long after
+// each further failure, logs the failure once, and a stop ends the wait.
+TEST_F(LoopBackOff, ALoopWhosePlayerFailsAtOnceWaitsLongerEachTimeAndStopsAtOnce) {
+  setenv("FAKE_PLAYER_SECONDS", "0", 1);
+  setenv("FAKE_PLAYER_EXIT", "3", 1);
+  createPlayer();
+  const std::string song = soundFile("refused.wav");
+  const ZR::ZRPostedCall posted =
+      host_.broker()->post("ZRAudioPlayer", "playFileInLoop", {ZRValue(song)});
+  // Passes start at about 0, 0.1, 0.3, 0.7 and 1.5 s; without the waits there were over 100.
+  std::this_thread::sleep_for(std::chrono::seconds(2));
+  const std::size_t runs = playerPids().size();
+  EXPECT_GE(runs, 2u);
+  EXPECT_LE(runs, 8u);
+
+  // The loop is now in a wait of over a second, which the stop cuts short: the loop has no
+  // player to kill, and without the stop it would go on for ever.
+  host_.broker()->stop("ZRAudioPlayer", posted.id);
+  EXPECT_TRUE(host_.broker()->wait(posted.id, 800));
+  EXPECT_EQ(posted.result.error(), "");
+
+  std::vector<std::string> warnings;
+  for (const std::string& record : records()) {
+    if (record.rfind("warning ", 0) == 0) warnings.push_back(record);
+  }
+  EXPECT_THAT(warnings,
+              ElementsAre("warning playFileInLoop: The player failed at once on " + song +
+                          " (exit code 3): the loop waits before each new pass, from 100 ms up "
+                          "to 5000 ms, until a pass plays"));
+  EXPECT_THAT(records(), Contains("verbose playFileInLoop: The player failed at once on " + song +
+                                  " 2 times in a row (exit code 3); next pass in 200 ms"));
+}
+
+// Passes that play, even ones that end with an error after a while, follow each other without a
+// wait; a loop whose player plays again after failing returns to that pace and says so.
+TEST_F(LoopBackOff, OnlyPassesThatFailAtOnceAreFollowedByAWait) {
+  struct Case {
+    const char* seconds;
+    const char* exitCode;
+  };
+  createPlayer();
+  const std::string song = soundFile("song.ogg");
+  for (const Case& c : {Case{"0.05", "0"}, Case{"0.25", "3"}}) {
+    SCOPED_TRACE(std::string(c.seconds) + " s, exit " + c.exitCode);
+    setenv("FAKE_PLAYER_SECONDS", c.seconds, 1);
+    setenv("FAKE_PLAYER_EXIT", c.exitCode, 1);
+    host_.clearLogs();
+    const std::size_t before = playerPids().size();
+    const ZR::ZRPostedCall posted =
+        host_.broker()->post("ZRAudioPlayer", "playFileInLoop", {ZRValue(song)});
+    ASSERT_TRUE(waitForRuns(before + 3));
+    ASSERT_TRUE(eventually([&] {
+      host_.broker()->stop("ZRAudioPlayer", posted.id);
+      return host_.broker()->wait(posted.id, 20);
+    }));
+    for (const std::string& record : records()) {
+      EXPECT_EQ(record.find("playFileInLoop"), std::string::npos) << record;
+    }
+  }
+}
+
+TEST_F(LoopBackOff, ALoopThatRecoversSaysSoOnceAndWaitsNoMore) {
+  setenv("FAKE_PLAYER_SECONDS", "0", 1);
+  setenv("FAKE_PLAYER_EXIT", "3", 1);
+  createPlayer();
+  const std::string song = soundFile("song.wav");
+  const ZR::ZRPostedCall posted =
+      host_.broker()->post("ZRAudioPlayer", "playFileInLoop", {ZRValue(song)});
+  ASSERT_TRUE(waitForRuns(2));
+  // The loop is waiting 200 ms after its second failure (it starts no player meanwhile, so the
+  // environment may change under no spawn): from now on the player plays.
+  setenv("FAKE_PLAYER_EXIT", "0", 1);
+  setenv("FAKE_PLAYER_SECONDS", "0.05", 1);
+  ASSERT_TRUE(waitForRuns(8));
+  ASSERT_TRUE(eventually([&] {
+    host_.broker()->stop("ZRAudioPlayer", posted.id);
+    return host_.broker()->wait(posted.id, 20);
+  }));
+
+  std::vector<std::string> loopRecords;
+  for (const std::string& record : records()) {
+    if (record.find(" playFileInLoop: ") != std::string::npos) loopRecords.push_back(record);
+  }
+  ASSERT_GE(loopRecords.size(), 2u);
+  EXPECT_EQ(loopRecords.front().rfind("warning playFileInLoop: The player failed at once", 0), 0u);
+  // Two or three passes failed, depending on when the change was seen; then it played on.
+  EXPECT_THAT(loopRecords.back(), ::testing::AnyOf("info playFileInLoop: The player plays " + song +
+                                                       " again after 2 failed passes",
+                                                   "info playFileInLoop: The player plays " + song +
+                                                       " again after 3 failed passes"));
+}
+
 }  // namespace
 }  // namespace testing
 }  // namespace bexko

@@ -1,6 +1,9 @@
 #pragma once
 
+#include <chrono>
+#include <condition_variable>
 #include <map>
+#include <set>
 #include <string>
 
 #include <boost/shared_ptr.hpp>
@@ -18,6 +21,14 @@ namespace ZR {
 /// Volume, balance, start position and looping are accepted but not passed to the player; a
 /// loop starts the player again after each pass. A playback is stopped by its task identifier,
 /// which is the host's call id when the call was posted, by sending the player signal 15.
+///
+/// A loop cannot run away: when the player fails at once (exits with a non-zero code, or
+/// cannot be waited for, within failedAtOnceMs of its start; a file it refuses, for instance)
+/// the loop waits before the next pass, backOffFirstMs after the first such failure and twice
+/// as long after each further one, up to backOffLongestMs; a pass that plays resets the wait.
+/// The first failure of a run of them is logged once, as a warning, and the recovery at info;
+/// the failures in between only at verbose. A stop of the loop's task identifier during the wait
+/// ends the loop at once.
 ///
 /// Several playbacks may run at once on different host threads, each with its own player.
 class ZRAudioPlayerDesktop : public ZRModule {
@@ -41,7 +52,8 @@ class ZRAudioPlayerDesktop : public ZRModule {
   // cannot be started.
   void playFile(const std::string& fileName);
   void playFile(const std::string& fileName, const float& volume, const float& pan);
-  /// Plays the file again and again until the running pass is stopped.
+  /// Plays the file again and again until the running pass is stopped (or the loop is stopped
+  /// while it waits after a failed pass).
   void playFileInLoop(const std::string& fileName);
   void playFileInLoop(const std::string& fileName, const float& volume, const float& pan);
   /// The position is accepted but the file is played from its beginning.
@@ -91,6 +103,38 @@ class ZRAudioPlayerDesktop : public ZRModule {
   int lastTaskId;
   /// The player program started for each playback; empty when it was not found.
   std::string playerPath;
+
+  /// A pass that ends with a failure within this time of its start failed "at once".
+  static constexpr std::chrono::milliseconds failedAtOnceMs{200};
+  /// The wait of a loop after its first pass that failed at once, and the longest wait.
+  static constexpr std::chrono::milliseconds backOffFirstMs{100};
+  static constexpr std::chrono::milliseconds backOffLongestMs{5000};
+
+ private:
+  enum class PassEnd {
+    Stopped,       ///< a stop removed the task
+    Played,        ///< the player ended by itself, with success or after playing a while
+    FailedAtOnce,  ///< the player failed within failedAtOnceMs of its start
+  };
+  struct Pass {
+    PassEnd end = PassEnd::Played;
+    int taskId = 0;
+    int status = 0;  ///< the player's exit code
+  };
+  /// One playback, as _playFileFromPosition describes it. A pass of a loop (`inLoop`) that fails
+  /// at once logs its failure at verbose only (the loop reports it) and leaves its task
+  /// identifier in loopsWaiting, in the same step that takes it out of taskToPid, so that a stop
+  /// finds the loop in one or the other.
+  Pass xPlayPass(const std::string& fileName, bool inLoop);
+  /// The loop of playFileInLoop and _playFileInLoop, with its back-off after failed passes.
+  void xLoop(const std::string& fileName);
+  /// Waits `delay` for the loop waiting as `taskId`; false when a stop ended the wait.
+  bool xWaitBeforeNextPass(int taskId, std::chrono::milliseconds delay);
+
+  /// Loops waiting before their next pass, by task identifier; guarded by stopMutex, which
+  /// stop holds when it takes one out and signals loopWaitEnded.
+  std::set<int> loopsWaiting;
+  std::condition_variable_any loopWaitEnded;
 };
 
 }  // namespace ZR
