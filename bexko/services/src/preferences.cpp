@@ -1,5 +1,9 @@
 #include <bexko/services/preferences.h>
 
+#include <cctype>
+#include <exception>
+#include <vector>
+
 #include <boost/filesystem.hpp>
 
 #include <ko/log.h>
@@ -27,6 +31,62 @@ void checkName(const std::string& name, const char* method) {
     throw ZR::ZRError(moduleName, method,
                       "Invalid preference file name \"" + name +
                           "\": it must not be empty nor contain '/' or \"..\"");
+  }
+}
+
+/// True for the name of a temporary file of writePreferenceXml: "<name>.xml.tmp-" and the six
+/// letters or digits that mkstemp chose.
+bool isTemporaryPreferenceFile(const std::string& fileName) {
+  static const std::string marker = ".xml.tmp-";
+  const std::size_t suffix = 6;
+  if (fileName.size() <= marker.size() + suffix) return false;
+  const std::size_t at = fileName.size() - suffix - marker.size();
+  if (fileName.compare(at, marker.size(), marker) != 0) return false;
+  for (std::size_t i = fileName.size() - suffix; i < fileName.size(); ++i) {
+    if (!std::isalnum(static_cast<unsigned char>(fileName[i]))) return false;
+  }
+  return true;
+}
+
+/// Deletes the temporary files that writes cut short by a crash left in the user's
+/// configuration folder (a write renames its temporary file over the target as its last step,
+/// so any one found at start belongs to no write). Only regular files of that name, only in
+/// that folder; links and everything else are left alone. Never throws.
+void removeStaleTemporaryFiles() {
+  namespace fs = boost::filesystem;
+  static const char* const method = "removeStaleTemporaryFiles";
+  std::string folder;
+  try {
+    std::vector<std::string> folders = ko::path::confPaths(application);
+    if (folders.empty()) return;
+    folder = folders.front();
+    boost::system::error_code error;
+    if (!fs::is_directory(folder, error)) return;
+    int removed = 0;
+    for (fs::directory_iterator it(folder, error), end; !error && it != end; it.increment(error)) {
+      if (!isTemporaryPreferenceFile(it->path().filename().string())) continue;
+      if (!fs::is_regular_file(it->symlink_status())) continue;
+      boost::system::error_code removal;
+      if (fs::remove(it->path(), removal)) {
+        ++removed;
+      } else if (removal) {
+        KO_LOG(logCategory(), ko::log::warning, method)
+            << "Cannot remove the stale temporary file " << it->path().string() << ": "
+            << removal.message();
+      }
+    }
+    if (error) {
+      KO_LOG(logCategory(), ko::log::warning, method)
+          << "Cannot list " << folder << ": " << error.message();
+    }
+    if (removed > 0) {
+      KO_LOG(logCategory(), ko::log::info, method)
+          << "Removed " << removed << " stale temporary preference file"
+          << (removed == 1 ? "" : "s") << " from " << folder;
+    }
+  } catch (const std::exception& e) {
+    KO_LOG(logCategory(), ko::log::warning, method)
+        << "Cannot clear stale temporary files from " << folder << ": " << e.what();
   }
 }
 
@@ -64,6 +124,8 @@ Preferences::Preferences(boost::shared_ptr<ZR::ZRBroker> broker)
   addParam("ignored", "Unused.");
   addMethodExample("python", "prefs.writePrefFile(\"MyModule\", [\"English\", 3], False)");
   bindMethodOverload(ZR::createFunctor(this, &Preferences::writePrefFile));
+
+  removeStaleTemporaryFiles();
 }
 
 Preferences::~Preferences() = default;

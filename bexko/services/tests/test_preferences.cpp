@@ -1,7 +1,9 @@
 #include <bexko/services/preferences.h>
 
+#include <algorithm>
 #include <fstream>
 #include <string>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -76,6 +78,53 @@ TEST_F(PreferencesTest, MissingOrBadlyNamedFilesAreZRErrors) {
   }
   // Nothing was written outside the configuration folder.
   EXPECT_FALSE(fs::exists(configDir.parent_path() / "escaped.xml"));
+}
+
+/// Names of the entries under `folder`, relative to it, in name order.
+std::vector<std::string> entriesUnder(const fs::path& folder) {
+  std::vector<std::string> names;
+  for (fs::recursive_directory_iterator it(folder), end; it != end; ++it) {
+    names.push_back(it->path().lexically_relative(folder).string());
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+// A write killed before its rename leaves "<name>.xml.tmp-XXXXXX" behind. The service deletes
+// those when it starts: only regular files of exactly that name, only in the user's folder.
+TEST_F(PreferencesTest, StartDeletesTheTemporaryFilesThatCrashedWritesLeft) {
+  const fs::path systemDir = fs::path(host.root()) / "config-system" / "bexko";
+  const fs::path outside = fs::path(host.root()) / "outside.xml";
+  for (const char* name : {"DefaultVoice.xml.tmp-a1b2c3", "Other.xml.tmp-ZZZZZZ", "Kept.xml",
+                           "Kept.xml.tmp-abcde", "Kept.xml.tmp-abcdefg", "Kept.txt.tmp-abcdef",
+                           ".xml.tmp-abcdef", "Kept.xml.tmp-ab.def", "sub/Deep.xml.tmp-a1b2c3"}) {
+    writeText(configDir / name, "<preferences");
+  }
+  writeText(systemDir / "System.xml.tmp-a1b2c3", "<preferences");
+  writeText(outside, "not ours");
+  fs::create_symlink(outside, configDir / "Link.xml.tmp-a1b2c3");
+
+  // The service starts again, as the daemon's next run would.
+  host.broker()->unregisterModule("ZRPreferences");
+  host.clearLogs();
+  ZR::ZRModule::createModule<bexko::services::Preferences>(host.broker());
+
+  EXPECT_EQ(
+      entriesUnder(configDir),
+      (std::vector<std::string>{".xml.tmp-abcdef", "Kept.txt.tmp-abcdef", "Kept.xml",
+                                "Kept.xml.tmp-ab.def", "Kept.xml.tmp-abcde", "Kept.xml.tmp-abcdefg",
+                                "Link.xml.tmp-a1b2c3", "sub", "sub/Deep.xml.tmp-a1b2c3"}));
+  EXPECT_TRUE(fs::exists(systemDir / "System.xml.tmp-a1b2c3"));
+  EXPECT_TRUE(fs::exists(outside));
+  EXPECT_TRUE(host.hasLog(ko::log::info, "removeStaleTemporaryFiles",
+                          "Removed 2 stale temporary preference files from " + configDir.string()));
+  // The service works as before, and a start with nothing to delete says nothing.
+  prefs.writePrefFile("DefaultVoice", ZRValue("kept"), false);
+  EXPECT_EQ(ZRValue("kept"), prefs.readPrefFile("DefaultVoice", false));
+  host.broker()->unregisterModule("ZRPreferences");
+  host.clearLogs();
+  ZR::ZRModule::createModule<bexko::services::Preferences>(host.broker());
+  EXPECT_TRUE(host.logRecords("bexko.services.preferences").empty());
 }
 
 }  // namespace

@@ -13,6 +13,10 @@ namespace services {
 /// zr/zrpreferencesproxy.h.
 class Preferences : public ZR::ZRModule {
  public:
+  /// Publishes the methods and deletes the temporary files ("<name>.xml.tmp-XXXXXX") that writes
+  /// cut short by a crash left in the user's configuration folder, logging their count at info.
+  /// Nothing else there, and nothing in the system folders, is touched. The folder is taken to
+  /// belong to this host alone.
   explicit Preferences(boost::shared_ptr<ZR::ZRBroker> broker);
   ~Preferences() override;
 
