@@ -140,6 +140,30 @@ void emit(const Record& record) {
   insideSink = false;
 }
 
+// One record, one line, and nothing that a terminal would act on: a message may carry a
+// client's text, so its line breaks and tabs are written as \n, \r, \t and every other control
+// byte (below 0x20, and 0x7F) as \xNN. A terminal escape sequence loses its ESC byte, and a
+// client cannot start a line of its own that would pass for the host's.
+void appendEscaped(std::string& line, const std::string& message) {
+  static const char digits[] = "0123456789abcdef";
+  for (char c : message) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte >= 0x20 && byte != 0x7f) {
+      line += c;
+    } else if (c == '\n') {
+      line += "\\n";
+    } else if (c == '\r') {
+      line += "\\r";
+    } else if (c == '\t') {
+      line += "\\t";
+    } else {
+      line += "\\x";
+      line += digits[byte >> 4];
+      line += digits[byte & 0xf];
+    }
+  }
+}
+
 std::string formatLine(const Record& record) {
   const auto seconds = std::chrono::system_clock::to_time_t(record.time);
   const auto millis =
@@ -162,16 +186,7 @@ std::string formatLine(const Record& record) {
     line += record.function;
   }
   line += ": ";
-  // One record, one line: embedded line breaks are shown escaped.
-  for (char c : record.message) {
-    if (c == '\n') {
-      line += "\\n";
-    } else if (c == '\r') {
-      line += "\\r";
-    } else {
-      line += c;
-    }
-  }
+  appendEscaped(line, record.message);
   line += '\n';
   return line;
 }

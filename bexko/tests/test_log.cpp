@@ -180,4 +180,40 @@ TEST_F(LogTest, FileSinkAppendsOneFlushedLinePerRecord) {
                                      HasSubstr(" error test.file say: two\\nlines")));
 }
 
+// A message may carry a client's text. The console and the file show each record as one line
+// with no control byte, so a client can neither forge a line nor drive the terminal; the
+// capture that tests read keeps the text as it was logged.
+TEST_F(LogTest, ConsoleAndFileSinksEscapeControlBytesAndTheCaptureKeepsThem) {
+  const std::string message =
+      "red \x1b[31malert\x1b[0m\n2026-01-01 00:00:00.000 info bexko: forged\r\tbell\x07\x7f "
+      "caf\xc3\xa9 C:\\n";
+  const std::string shown =
+      "red \\x1b[31malert\\x1b[0m\\n2026-01-01 00:00:00.000 info bexko: forged\\r\\tbell\\x07"
+      "\\x7f caf\xc3\xa9 C:\\n";
+  const std::string path = (freshFolder("escape") / "log.txt").string();
+  const int fileId = klog::addSink(std::make_shared<klog::FileSink>(path));
+  const int consoleId = klog::addSink(std::make_shared<klog::ConsoleSink>());
+  klog::CategoryType category = klog::addCategory("test.escape");
+  ::testing::internal::CaptureStderr();
+  KO_LOG(category, klog::warning, "say") << message;
+  const std::string console = ::testing::internal::GetCapturedStderr();
+  klog::removeSink(consoleId);
+  klog::removeSink(fileId);
+  std::ifstream in(path, std::ios::binary);
+  const std::string file((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+
+  for (const std::string& written : {console, file}) {
+    ASSERT_FALSE(written.empty());
+    EXPECT_EQ(written.find('\n'), written.size() - 1) << written;
+    EXPECT_EQ(written.substr(written.find(" warning ")),
+              " warning test.escape say: " + shown + "\n");
+    for (std::size_t i = 0; i + 1 < written.size(); ++i) {
+      const auto byte = static_cast<unsigned char>(written[i]);
+      EXPECT_TRUE(byte >= 0x20 && byte != 0x7f) << "control byte " << int(byte) << " at " << i;
+    }
+  }
+  ASSERT_FALSE(capture_->records().empty());
+  EXPECT_EQ(capture_->records().back().message, message);
+}
+
 }  // namespace

@@ -115,13 +115,17 @@ BEXKO_API LogLevel parseLevel(const std::string& text);
 BEXKO_API const char* levelName(LogLevel level);
 
 /// Writes records to standard error: time, level, category, function and text, one line each.
+/// The text is written escaped, since it may carry a client's bytes: line feed, carriage return
+/// and tab as \n, \r and \t, every other byte below 0x20 and 0x7F as \xNN (so a record is one
+/// line, and no terminal escape sequence reaches the terminal). Other bytes, backslashes
+/// included, are written as they are.
 class BEXKO_API ConsoleSink : public Sink {
  public:
   void write(const Record& record) override;
 };
 
-/// Appends records to a file, one line each, flushed per record. Throws std::runtime_error
-/// when the file cannot be opened.
+/// Appends records to a file, one line each, flushed per record, the text escaped as by
+/// ConsoleSink. Throws std::runtime_error when the file cannot be opened.
 class BEXKO_API FileSink : public Sink {
  public:
   explicit FileSink(const std::string& path);
@@ -133,7 +137,8 @@ class BEXKO_API FileSink : public Sink {
   std::unique_ptr<Impl> impl_;
 };
 
-/// Keeps every record in memory, for tests that assert on exact records.
+/// Keeps every record in memory, for tests that assert on exact records: the text is kept as it
+/// was logged, not escaped.
 class BEXKO_API CaptureSink : public Sink {
  public:
   CaptureSink();
