@@ -3,6 +3,7 @@
 #include <chrono>
 #include <future>
 #include <memory>
+#include <ostream>
 #include <random>
 #include <thread>
 #include <vector>
@@ -225,6 +226,9 @@ struct RefusalCase {
   int sampleRate;
   const char* reason;
 };
+
+// Test listings show the case by its name.
+void PrintTo(const RefusalCase& c, std::ostream* os) { *os << c.name; }
 
 class PulseOutputRefusal : public PulseOutputTest,
                            public ::testing::WithParamInterface<RefusalCase> {
