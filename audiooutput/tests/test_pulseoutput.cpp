@@ -218,6 +218,32 @@ TEST_F(PulseOutputFlush, EndsAPause) {
   EXPECT_LE(drainMs, 200.0 + slack);
 }
 
+class PulseOutputServerLoss : public PulseOutputTest {};
+
+TEST_F(PulseOutputServerLoss, ABlockedWriteThrowsAndTheRestGoesOnQuietly) {
+  auto writing = std::async(std::launch::async, [&] { return writeAudio(3000); });
+  ASSERT_EQ(writing.wait_for(200ms), std::future_status::timeout);
+  server->stop();
+  ASSERT_EQ(writing.wait_for(2s), std::future_status::ready);
+  try {
+    writing.get();
+    FAIL() << "the write went on without a server";
+  } catch (const ZR::ZRError& e) {
+    EXPECT_EQ(e.methodName(), "write");
+    EXPECT_NE(e.description().find("the sound server connection is lost"), std::string::npos)
+        << e.description();
+  }
+  EXPECT_THROW(output->drain(), ZR::ZRError);
+  // Positions, flush, pause and the destructor never throw.
+  const std::uint64_t played = output->playedBytes();
+  EXPECT_LE(played, output->writtenBytes());
+  output->pause();
+  output->resume();
+  output->flush();
+  EXPECT_EQ(output->writtenBytes(), played);
+  output.reset();
+}
+
 // Opening fails at once with the reason, whether a server runs or not.
 struct RefusalCase {
   const char* name;
