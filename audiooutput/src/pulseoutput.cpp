@@ -119,11 +119,14 @@ void PulseOutput::Impl::open() {
                           " Hz and " + std::to_string(info.channels) + " channels");
   }
   bytesPerFrame = pa_frame_size(&spec);
-  pa_channel_map map;
+  pa_channel_map map{};
   if (static_cast<int>(info.channelPositions.size()) == info.channels) {
     map.channels = spec.channels;
     for (int i = 0; i < info.channels; ++i) map.map[i] = pulsePosition(info.channelPositions[i]);
-  } else {
+  }
+  if (static_cast<int>(info.channelPositions.size()) != info.channels ||
+      !pa_channel_map_valid(&map)) {
+    // Positions that do not describe the channels: the server's usual layout for their count.
     pa_channel_map_init_extend(&map, spec.channels, PA_CHANNEL_MAP_DEFAULT);
   }
 

@@ -135,8 +135,8 @@ int main(int argc, char** argv) {
       ->envname("BEXKO_LOG_LEVEL");
   app.add_option("--log-file", logFile, "Also append every log record to this file");
   app.add_option("--audio-output", audioOutputName,
-                 "Where the modules' speech is played: none (no sound; no samples reach the "
-                 "modules' outputs or sayToFile), clock (silent, but consumed at the audio rate "
+                 "Where the modules' speech is played: none (no sound, and sayToFile writes no "
+                 "samples), clock (silent, but consumed at the audio rate "
                  "like a sound card, for headless machines and tests), pulse (the sound server "
                  "of the desktop through libpulse, on its default sink, or PULSE_SINK; the "
                  "server is found as libpulse does, e.g. PULSE_SERVER; when none answers bexko "
