@@ -142,11 +142,11 @@ void ZRAudioPlayerDesktop::playFileFromPosition(const std::string& fileName, con
 
 bool ZRAudioPlayerDesktop::_playFileFromPosition(const std::string& fileName, float position,
                                                  float volume, float pan, bool loop) {
-  return xPlayPass(fileName, false).end != PassEnd::Stopped;
+  return xPlayPass(fileName, false, 0).end != PassEnd::Stopped;
 }
 
-ZRAudioPlayerDesktop::Pass ZRAudioPlayerDesktop::xPlayPass(const std::string& fileName,
-                                                           bool inLoop) {
+ZRAudioPlayerDesktop::Pass ZRAudioPlayerDesktop::xPlayPass(const std::string& fileName, bool inLoop,
+                                                           int waitingAs) {
   static const char* const kMethod = "_playFileFromPosition";
   if (!isAWavFile(fileName) && !isAOggFile(fileName)) {
     throw ZRError(kModuleName, kMethod, "Format not supported. Only .ogg and .wav are supported");
@@ -171,6 +171,7 @@ ZRAudioPlayerDesktop::Pass ZRAudioPlayerDesktop::xPlayPass(const std::string& fi
     throw ZRError(kModuleName, kMethod, "Cannot launch " + playerPath + " --file " + fileName);
   }
 
+  bool stoppedWhileStarting = false;
   {
     // Entering is done under launchMutex; stopMutex is taken as well because stop and the end
     // of other playbacks read and erase the same map under it, and a map must not be changed
@@ -178,7 +179,23 @@ ZRAudioPlayerDesktop::Pass ZRAudioPlayerDesktop::xPlayPass(const std::string& fi
     // held, so it cannot deadlock.
     ZRCriticalSection launching(launchMutex);
     ZRCriticalSection lock(stopMutex);
-    taskToPid[taskId] = pid;
+    // A loop back from its wait stays in loopsWaiting until its new player is entered here, so
+    // that a stop never falls between the two: if one came, the entry is gone.
+    if (waitingAs != 0 && loopsWaiting.erase(waitingAs) == 0) {
+      stoppedWhileStarting = true;
+    } else {
+      taskToPid[taskId] = pid;
+    }
+  }
+  if (stoppedWhileStarting) {
+    const int result = ko::os::kill(pid, SIGTERM);
+    KO_LOG(playerCategory(), ko::log::verbose, "stop")
+        << "kill " << pid << ", started by the loop " << waitingAs
+        << " as it was stopped; kill ret = " << result;
+    int status = 0;
+    ko::os::waitpid(pid, &status);
+    pass.end = PassEnd::Stopped;
+    return pass;
   }
 
   int status = 0;
@@ -221,8 +238,21 @@ void ZRAudioPlayerDesktop::xLoop(const std::string& fileName) {
   static const char* const kMethod = "playFileInLoop";
   int failuresInARow = 0;
   std::chrono::milliseconds delay = backOffFirstMs;
+  int waitingAs = 0;  // the task identifier the loop waited as, until its next player is entered
   for (;;) {
-    const Pass pass = xPlayPass(fileName, true);
+    Pass pass;
+    try {
+      pass = xPlayPass(fileName, true, waitingAs);
+    } catch (...) {
+      // A pass that fails before its player is entered (the file is gone, the player cannot
+      // start) ends the loop: it no longer waits.
+      if (waitingAs != 0) {
+        ZRCriticalSection lock(stopMutex);
+        loopsWaiting.erase(waitingAs);
+      }
+      throw;
+    }
+    waitingAs = 0;
     if (pass.end == PassEnd::Stopped) return;
     if (pass.end == PassEnd::Played) {
       if (failuresInARow > 0) {
@@ -249,6 +279,7 @@ void ZRAudioPlayerDesktop::xLoop(const std::string& fileName) {
           << " ms";
     }
     if (!xWaitBeforeNextPass(pass.taskId, delay)) return;
+    waitingAs = pass.taskId;
     delay = std::min(delay * 2, std::chrono::milliseconds(backOffLongestMs));
   }
 }
@@ -257,9 +288,7 @@ bool ZRAudioPlayerDesktop::xWaitBeforeNextPass(int taskId, std::chrono::millisec
   std::unique_lock<ZRMutex> lock(*stopMutex);
   const bool stopped =
       loopWaitEnded.wait_for(lock, delay, [&] { return loopsWaiting.count(taskId) == 0; });
-  if (stopped) return false;
-  loopsWaiting.erase(taskId);
-  return true;
+  return !stopped;
 }
 
 void ZRAudioPlayerDesktop::stop(const int& id) {

@@ -123,12 +123,16 @@ class ZRAudioPlayerDesktop : public ZRModule {
   };
   /// One playback, as _playFileFromPosition describes it. A pass of a loop (`inLoop`) that fails
   /// at once logs its failure at verbose only (the loop reports it) and leaves its task
-  /// identifier in loopsWaiting, in the same step that takes it out of taskToPid, so that a stop
-  /// finds the loop in one or the other.
-  Pass xPlayPass(const std::string& fileName, bool inLoop);
+  /// identifier in loopsWaiting, in the same step that takes it out of taskToPid. A loop back
+  /// from a wait passes the identifier it waited as (`waitingAs`, else 0), which leaves
+  /// loopsWaiting only when the new player is entered in taskToPid; if a stop took it out first,
+  /// the new player is killed at once and the pass ends Stopped. So a stop finds the loop at
+  /// every moment.
+  Pass xPlayPass(const std::string& fileName, bool inLoop, int waitingAs);
   /// The loop of playFileInLoop and _playFileInLoop, with its back-off after failed passes.
   void xLoop(const std::string& fileName);
-  /// Waits `delay` for the loop waiting as `taskId`; false when a stop ended the wait.
+  /// Waits `delay` for the loop waiting as `taskId`; false when a stop ended the wait. The loop
+  /// stays in loopsWaiting after a wait that ran out, until its next pass enters its player.
   bool xWaitBeforeNextPass(int taskId, std::chrono::milliseconds delay);
 
   /// Loops waiting before their next pass, by task identifier; guarded by stopMutex, which
