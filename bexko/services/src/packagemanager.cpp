@@ -118,6 +118,16 @@ bool isSameFolder(const fs::path& a, const fs::path& b) {
   return fs::equivalent(a, b, error);
 }
 
+/// True when `inner` is `outer` or lies inside it (both existing).
+bool isWithin(const fs::path& inner, const fs::path& outer) {
+  boost::system::error_code error;
+  for (fs::path at = fs::canonical(inner, error); !error && !at.empty(); at = at.parent_path()) {
+    if (isSameFolder(at, outer)) return true;
+    if (at == at.root_path()) break;
+  }
+  return false;
+}
+
 }  // namespace
 
 ko::PackageInfo readManifest(const std::string& folder, const std::string& method) {
@@ -282,6 +292,13 @@ void PackageManager::install(const std::string& folder) {
     package = readManifest(folder, method);
     const fs::path packages = userPackagesPath();
     const fs::path target = packages / package.identifier();
+    // A folder that holds the packages folder would be copied into itself without end.
+    boost::system::error_code exists;
+    if (fs::exists(packages, exists) && isWithin(packages, folder)) {
+      throw ZR::ZRError(
+          moduleName, method,
+          "Cannot install " + folder + ": it holds the packages folder " + packages.string());
+    }
     if (!isSameFolder(folder, target)) {
       // The new version is copied beside the target and renamed into place; the old one is
       // first renamed aside and deleted only once the new one is in place. A failure at any

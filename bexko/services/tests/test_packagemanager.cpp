@@ -308,6 +308,17 @@ TEST_F(PackageLinks, RemoveDeletesLinksButNeverWhatTheyPointTo) {
   EXPECT_EQ(before.count("secret.txt"), 1u);
 }
 
+// A folder that holds the packages folder would be copied into itself without end.
+TEST_F(PackageLinks, AFolderHoldingThePackagesFolderIsRefused) {
+  place(makePackage("kept-voices", "1.0"));
+  const fs::path dataDir = userPackages.parent_path();
+  writeManifest(dataDir.string(), makePackage("whole-data", "1.0"));
+  EXPECT_EQ(failureOf([&] { proxy->call<void>("install", dataDir.string()); }),
+            "PackageManager/install: Cannot install " + dataDir.string() +
+                ": it holds the packages folder " + userPackages.string());
+  EXPECT_EQ(entriesOf(userPackages), std::vector<std::string>{"kept-voices"});
+}
+
 // A copy that a crash interrupted is a hidden work folder: it is never listed, even with a
 // complete manifest, and the next install of its identifier clears it.
 TEST_F(PackageLinks, AnInterruptedInstallIsNotAPackageAndIsClearedByTheNext) {
