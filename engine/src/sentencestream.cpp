@@ -45,7 +45,7 @@ void SentenceStream::addWord(int espeakPosition, long long sample) {
   if (!markup.startsWord(index)) return;
   if (hasAnchor && index <= anchorIndex) return;
   sample = std::max(sample, lastWordSample);
-  placeWordsBefore(index, sample);
+  placeWordsBefore(index, sample, false);
   hasAnchor = true;
   anchorIndex = index;
   anchorSample = sample;
@@ -69,7 +69,7 @@ void SentenceStream::addMarker(int value, int espeakPosition, long long sample) 
     }
   }
   addPending(ZR::TTS_EVENT_MARKER, value, sample, index, 0);
-  anchorMarks.push_back(Mark{index, sample});
+  anchorMarks.push_back(Mark{index, sample, sequence - 1});
 }
 
 void SentenceStream::addSentence(int espeakPosition, long long sample) {
@@ -83,14 +83,14 @@ void SentenceStream::addClauseEnd(int espeakPosition, long long sample) {
   // whatever that position says.
   const int end = std::max(tagFreeIndex(espeakPosition), anchorIndex + 1);
   sample = std::max(sample, anchorSample);
-  placeWordsBefore(end, audibleEnd(sample));
+  placeWordsBefore(end, audibleEnd(sample), true);
   closed = true;
   closeIndex = end;
   closeSample = sample;
 }
 
 void SentenceStream::finish() {
-  placeWordsBefore(std::numeric_limits<int>::max(), audibleEnd(received));
+  placeWordsBefore(std::numeric_limits<int>::max(), audibleEnd(received), true);
   finished = true;
 }
 
@@ -106,12 +106,14 @@ long long SentenceStream::audibleEnd(long long end) const {
   return last > anchorSample ? last : end;
 }
 
-void SentenceStream::placeWordsBefore(int limitIndex, long long limitSample) {
+void SentenceStream::placeWordsBefore(int limitIndex, long long limitSample, bool clauseEnds) {
   const int textEnd = static_cast<int>(markup.tagFree.size());
   while (nextToken < markup.tokens.size() && markup.tokens[nextToken].begin < limitIndex) {
     const int begin = markup.tokens[nextToken].begin;
     long long lower;
     long long sample;
+    // The end of the audio the word is placed in, when it is placed by proportion.
+    long long spanAudioEnd = -1;
     if (!hasAnchor) {
       // Before eSpeak's first word: where the audio starts.
       lower = lastWordSample;
@@ -127,11 +129,25 @@ void SentenceStream::placeWordsBefore(int limitIndex, long long limitSample) {
       lower = anchorSample;
       sample = anchorSample + (audioEnd - anchorSample) * (begin - anchorIndex) /
                                   std::max(1, spanEnd - anchorIndex);
+      if (closed || clauseEnds) spanAudioEnd = audioEnd;
     }
     // A mark between two words stays between them.
-    for (const Mark& mark : anchorMarks) {
-      sample =
-          begin < mark.textIndex ? std::min(sample, mark.sample) : std::max(sample, mark.sample);
+    for (Mark& mark : anchorMarks) {
+      if (begin < mark.textIndex) {
+        sample = std::min(sample, mark.sample);
+      } else if (spanAudioEnd >= 0 && mark.sample > sample && mark.textIndex > anchorIndex &&
+                 mark.sample >= spanAudioEnd - (spanAudioEnd - anchorSample) / 10) {
+        // eSpeak NG reports a mark inside the last word of a clause that it reads as one with
+        // the word before ("for a \mrk=1\ while.") at the end of the clause, in the last tenth
+        // of that word's sound: the mark moves back to the onset of the word after it, rather
+        // than that word to the end of the sound.
+        mark.sample = sample;
+        for (Pending& entry : pending) {
+          if (entry.sequence == mark.sequence) entry.event.sample = sample;
+        }
+      } else {
+        sample = std::max(sample, mark.sample);
+      }
     }
     sample = std::max(std::min(sample, std::max(limitSample, lower)), lower);
     sample = std::max(sample, lastWordSample);

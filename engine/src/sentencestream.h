@@ -83,12 +83,14 @@ class SentenceStream {
   struct Mark {
     int textIndex;
     long long sample;
+    long long sequence;  // of its pending event
   };
 
   int tagFreeIndex(int espeakPosition) const;
   // Places every unplaced word that starts before `limitIndex`, `limitSample` being the end of
-  // the audio of the current eSpeak word when it is still open.
-  void placeWordsBefore(int limitIndex, long long limitSample);
+  // the audio of the current eSpeak word when it is still open; `clauseEnds` when that end is
+  // the end of a clause (or of the sentence) rather than eSpeak's next word.
+  void placeWordsBefore(int limitIndex, long long limitSample, bool clauseEnds);
   void addPending(ZR::TextToSpeechEngineEvent type, int value, long long sample, int textIndex,
                   int order);
   long long earliestUnsettled() const;

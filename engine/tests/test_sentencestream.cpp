@@ -137,6 +137,12 @@ TEST(SentenceStream, GivesEveryWordOfTheServiceSplitItsPlaceInTheAudio) {
        "Hello from \\mrk=3\\the shell",
        {Word{0, 0}, Audio{2000}, Word{6, 600}, Mark{3, 700}, Word{15, 1400}, ClauseEnd{19, 2000}},
        {"w0@0", "w6@600", "m3@700", "w11@1044", "w15@1400"}},
+      // eSpeak reads "a while" as one word and reports the mark inside it at the clause end.
+      {"a mark inside the last word of a clause, reported at its end: it moves to the next word",
+       "rest for a \\mrk=31\\while.",
+       {Word{0, 0}, Audio{3000}, Word{5, 1000}, Word{9, 2000}, Mark{31, 2950},
+        ClauseEnd{16, 3000}},
+       {"w0@0", "w5@1000", "w9@2000", "m31@2285", "w11@2285"}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
