@@ -89,7 +89,7 @@ void ZRTextToSpeech::xLoadDefaultLanguage() {
 }
 
 void ZRTextToSpeech::setDefaultLanguage(const std::string& language) {
-  boost::mutex::scoped_lock lock(ttsMutex);
+  std::lock_guard<ko::FairMutex> lock(ttsMutex);
   try {
     const std::string formatted = xFormatLanguage(language);
     if (!xIsLanguageInstalled(formatted)) {

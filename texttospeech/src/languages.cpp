@@ -51,7 +51,7 @@ void ZRTextToSpeech::xSetLanguage(const std::string& language) {
 }
 
 void ZRTextToSpeech::setLanguage(const std::string& language) {
-  boost::mutex::scoped_lock lock(ttsMutex);
+  std::lock_guard<ko::FairMutex> lock(ttsMutex);
 
   auto unsupported = [this, &language](const ZRError& error) {
     const std::string message = language + " language is not supported: " + error.what();

@@ -38,7 +38,7 @@ void ZRTextToSpeech::onPackageRemoved(const ko::PackageInfo& package) {
 // engine is reloaded on the full current list and the requested setting follows its language.
 void ZRTextToSpeech::bexStoreApplicationInstalled(const std::string& key, const ZRValue& value,
                                                   const std::string& message) {
-  boost::mutex::scoped_lock lock(ttsMutex);
+  std::lock_guard<ko::FairMutex> lock(ttsMutex);
   const ko::PackageInfo package(value);
   if (package.languages().empty()) return;
   ttsManager->reload(xGetInstalledPackages(), reloadFlag, reloadText);

@@ -38,13 +38,13 @@ ZRValue statusValue(int id, const std::string& word) {
 }  // namespace
 
 void ZRTextToSpeech::say(const std::string& text) {
-  boost::lock_guard<boost::mutex> lock(ttsMutex);
+  std::lock_guard<ko::FairMutex> lock(ttsMutex);
   ZR::VoiceSetting setting = xRequestedSetting();
   xSay(text, setting, false, "");
 }
 
 void ZRTextToSpeech::say(const std::string& text, const std::string& language) {
-  boost::lock_guard<boost::mutex> lock(ttsMutex);
+  std::lock_guard<ko::FairMutex> lock(ttsMutex);
   std::string formatted = xFormatLanguage(language);
   if (!xIsLanguageInstalled(formatted)) {
     throw ZRError(getName(), "say", language + " language is not installed.");
@@ -54,7 +54,7 @@ void ZRTextToSpeech::say(const std::string& text, const std::string& language) {
 }
 
 void ZRTextToSpeech::sayToFile(const std::string& text, const std::string& fileName) {
-  boost::lock_guard<boost::mutex> lock(ttsMutex);
+  std::lock_guard<ko::FairMutex> lock(ttsMutex);
   ZR::VoiceSetting setting = xRequestedSetting();
   xSay(text, setting, true, fileName);
 }

@@ -129,7 +129,7 @@ void ZRTextToSpeech::xSetVoice(const std::string& voice) { ttsManager->setCurren
 
 void ZRTextToSpeech::setVoice(const std::string& voice) {
   KO_LOG(logCategory, ko::log::info, "setVoice") << voice;
-  boost::mutex::scoped_lock lock(ttsMutex);
+  std::lock_guard<ko::FairMutex> lock(ttsMutex);
 
   auto unsupported = [this, &voice](const ZRError& error) {
     const std::string message = voice + " voice is not supported: " + error.what();
@@ -251,7 +251,7 @@ void ZRTextToSpeech::xRemoveVoiceSettingFromLanguage(const std::string& language
 }
 
 void ZRTextToSpeech::setDefaultVoice() {
-  boost::mutex::scoped_lock lock(ttsMutex);
+  std::lock_guard<ko::FairMutex> lock(ttsMutex);
   ttsManager->setDefaultVoice();
 }
 

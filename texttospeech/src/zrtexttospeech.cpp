@@ -210,7 +210,7 @@ void ZRTextToSpeech::exit() {
 }
 
 void ZRTextToSpeech::reset() {
-  boost::lock_guard<boost::mutex> lock(ttsMutex);
+  std::lock_guard<ko::FairMutex> lock(ttsMutex);
   if (getLanguage() == "Japanese") {
     // A stop on another thread reads both settings while it cleans up.
     boost::unique_lock<boost::shared_mutex> queueLock(taskQueueLock);

@@ -19,6 +19,7 @@
 #include <ko/audio.h>
 #include <ko/audiooutput.h>
 #include <ko/clock.h>
+#include <ko/fairmutex.h>
 #include <ko/future.h>
 #include <ko/log.h>
 #include <ko/packageinfo.h>
@@ -241,7 +242,9 @@ class ZRTextToSpeech : public ZRModule, public TextToSpeechEngineCallbackInterfa
   ZR::TextToSpeechManager* ttsManager;
   boost::shared_ptr<ZR::TTSLanguageInfo> languageInfo;
   std::list<boost::shared_ptr<ZRTextToSpeechTask>> taskQueue;
-  boost::mutex ttsMutex;
+  // Fair: callers that wait for it (says queued behind a long sentence) take it in the order
+  // they asked for it, so that sentences are spoken in the order they were requested.
+  ko::FairMutex ttsMutex;
   // Guards the queue, and the voice settings (`globalVoiceSetting`, `appliedVoiceSetting`):
   // they change only with it taken exclusively; readers that do not change them take it
   // shared. Mutable, so that const readers (diagnosis) take it too.
