@@ -49,10 +49,10 @@ void ZRTextToSpeech::TTSCallBack(short* samples, unsigned int count) {
     if (audible > 0) {
       // The quiet stretch before this block is inside the sentence: it is played whole.
       if (!heldQuietSamples.empty()) {
-        audioOutput->write(heldQuietSamples.data(), heldQuietSamples.size() * sizeof(short));
+        xPlay(heldQuietSamples.data(), heldQuietSamples.size());
         heldQuietSamples.clear();
       }
-      audioOutput->write(samples, static_cast<std::size_t>(audible) * sizeof(short));
+      xPlay(samples, static_cast<std::size_t>(audible));
     }
     heldQuietSamples.insert(heldQuietSamples.end(), samples + audible, samples + count);
   } catch (const std::exception& e) {
@@ -63,6 +63,23 @@ void ZRTextToSpeech::TTSCallBack(short* samples, unsigned int count) {
     return;
   }
   outputFailed = false;
+}
+
+bool ZRTextToSpeech::xPlay(const short* samples, std::size_t count) {
+  // In short pieces, each after a look at outputMuted: a stop that empties the output just
+  // before a write began lets at most one piece through, and the end of the stopped sentence
+  // empties the output again.
+  const std::size_t piece = static_cast<std::size_t>(std::max(1, sampleInfo.sampleRate / 100) *
+                                                     std::max(1, sampleInfo.channels));
+  for (std::size_t done = 0; done < count; done += piece) {
+    if (outputMuted) {
+      return false;
+    }
+    if (!audioOutput->write(samples + done, std::min(piece, count - done) * sizeof(short))) {
+      return false;
+    }
+  }
+  return true;
 }
 
 void ZRTextToSpeech::TTSEventCallBack(ZR::TextToSpeechEngineEvent event, int value,

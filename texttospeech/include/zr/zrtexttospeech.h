@@ -190,6 +190,9 @@ class ZRTextToSpeech : public ZRModule, public TextToSpeechEngineCallbackInterfa
   /// Ends the sentence of `task` after the engine returned: waits for it to be heard, then
   /// announces the words left and raises the closing values; after a stop, empties the output.
   void xEndPlayback(const ZRTextToSpeechTask& task);
+  /// Plays `count` samples of the current sentence (blocking while the output is full); false
+  /// when a stop emptied the output meanwhile.
+  bool xPlay(const short* samples, std::size_t count);
   /// Empties the output at once and drops the words not yet heard (a stop).
   void xSilenceOutput();
   /// Bytes of the current sentence that the output has played; 0 when it plays none.
