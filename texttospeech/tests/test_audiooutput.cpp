@@ -123,13 +123,15 @@ TEST_F(AudioOutputTest, WordsAreRaisedWhenTheirAudioIsHeard) {
 TEST_F(AudioOutputTest, BookmarksAreRaisedAtTheirAudioTime) {
   recordHeard(ZR::ZRTextToSpeech::strCurrentBookMarkEvent);
   tts->setParameter("mrkAdvance", 0);
-  // Reported together, as the engine reports them ahead of the audio. A bookmark is raised
+  // Reported together, ahead of their audio. A bookmark is raised
   // 20 ms before its position; a paced engine's timer counted the whole offset again from the
   // moment the engine reported the mark, so the third came 600 ms late.
-  backend.setScript({{TTS_EVENT_MARKER, 1, bytesForMs(220)},
+  // The engine reports each mark after the audio before it: the first block is playing.
+  backend.setScript({audioMs(100),
+                     {TTS_EVENT_MARKER, 1, bytesForMs(220)},
                      {TTS_EVENT_MARKER, 2, bytesForMs(420)},
                      {TTS_EVENT_MARKER, 3, bytesForMs(620)},
-                     audioMs(900)});
+                     audioMs(800)});
   tts->say("one \\mrk=1\\ two \\mrk=2\\ three \\mrk=3\\ four");
   const std::vector<HeardRaise> raises = heard();
   ASSERT_EQ(raises.size(), 4u);  // the last one is notifyTextDone's 0
