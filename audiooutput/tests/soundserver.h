@@ -23,7 +23,8 @@ namespace bexko::audiooutput::testing {
 
 /// A sound server for the tests alone: a null sink named "bexkotest" behind a socket in a
 /// temporary folder that is also the server's HOME and runtime folder, so that it meets no
-/// session and no user file.
+/// session and no user file. Should a test die without stopping it, it exits by itself once
+/// no client has been connected for 20 s (the tests keep a stream open while they run).
 class SoundServer {
  public:
   static constexpr const char* sink = "bexkotest";
@@ -57,7 +58,7 @@ class SoundServer {
         "pulseaudio",
         "--daemonize=no",
         "--system=no",
-        "--exit-idle-time=-1",
+        "--exit-idle-time=20",
         "-n",
         "--use-pid-file=no",
         "--log-target=file:" + (root / "server.log").string(),

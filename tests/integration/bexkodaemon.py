@@ -136,6 +136,8 @@ class SoundServer:
     # A sound server for one test alone: a null sink named SINK, whose monitor records what is
     # played, behind a socket in a temporary folder that is also its HOME and runtime folder, so
     # that it meets no session, no D-Bus and no user file. It runs as root too (it warns).
+    # Should a test die without stopping it, it exits by itself once no client has been
+    # connected for 20 s.
 
     SINK = "bexkotest"
 
@@ -161,7 +163,7 @@ class SoundServer:
                                          "(scripts/install-deps.sh installs them)")
         self._log = open(self.log_path, "wb")
         self.process = subprocess.Popen(
-            ["pulseaudio", "--daemonize=no", "--system=no", "--exit-idle-time=-1", "-n",
+            ["pulseaudio", "--daemonize=no", "--system=no", "--exit-idle-time=20", "-n",
              "--use-pid-file=no", "--log-target=stderr",
              "--load=module-null-sink sink_name=%s rate=22050" % self.SINK,
              "--load=module-native-protocol-unix auth-anonymous=1 socket=%s" % self.socket],
