@@ -58,6 +58,9 @@ struct ZRBroker::Impl {
   std::deque<int> finishedOrder;
   std::set<int> finishedPosts;
 
+  // Queues a call's task: on the prompt lane when the module marked the method prompt.
+  bool submit(const std::string& module, const std::string& method, std::function<void()> task);
+
   boost::shared_ptr<ZRModuleCore> findModule(const std::string& moduleName) const {
     std::lock_guard<std::mutex> lock(modulesMutex);
     for (const auto& module : modules) {
@@ -94,9 +97,10 @@ struct ZRBroker::Impl {
 
   /// Runs one call on this thread and reports how it ended; never throws.
   ZRCallOutcome runCall(const std::string& moduleName, const std::string& method,
-                        const std::vector<ZRValue>& args, int postedId) {
+                        const std::vector<ZRValue>& args, int postedId, std::uint64_t arrival) {
     ZRCallOutcome outcome;
     outcome.id = postedId;
+    bexko::detail::ArrivalScope arrivalScope(arrival);
     try {
       boost::shared_ptr<ZRModuleCore> module = findModule(moduleName);
       if (!module) throw unknownModule(moduleName, method);
@@ -238,16 +242,30 @@ ZRValue ZRBroker::call(const std::string& module, const std::string& method,
   return target->callMethod(method, args);
 }
 
+bool ZRBroker::Impl::submit(const std::string& module, const std::string& method,
+                            std::function<void()> task) {
+  boost::shared_ptr<ZRModuleCore> target = findModule(module);
+  if (target && target->isMethodPrompt(method)) return pool->submitPrompt(std::move(task));
+  return pool->submit(std::move(task));
+}
+
+bool ZRBroker::submitPrompt(std::function<void()> fn) {
+  return impl_->pool->submitPrompt(std::move(fn));
+}
+
 void ZRBroker::callAsync(const std::string& module, const std::string& method,
                          std::vector<ZRValue> args, ZRCallCallback done) {
   boost::weak_ptr<ZRBroker> weak = shared_from_this();
-  auto task = [weak, module, method, args = std::move(args), done] {
+  const std::uint64_t arrival = bexko::detail::stampArrival();
+  auto task = [weak, module, method, args = std::move(args), done, arrival] {
     boost::shared_ptr<ZRBroker> self = weak.lock();
-    ZRCallOutcome outcome =
-        self ? self->impl_->runCall(module, method, args, 0) : brokerGone(module, method, 0);
+    ZRCallOutcome outcome = self ? self->impl_->runCall(module, method, args, 0, arrival)
+                                 : brokerGone(module, method, 0);
     deliver(done, outcome, "callAsync");
   };
-  if (!impl_->pool->submit(task)) deliver(done, brokerGone(module, method, 0), "callAsync");
+  if (!impl_->submit(module, method, task)) {
+    deliver(done, brokerGone(module, method, 0), "callAsync");
+  }
 }
 
 ZRPostedCall ZRBroker::post(const std::string& module, const std::string& method,
@@ -274,15 +292,16 @@ ZRPostedCall ZRBroker::post(const std::string& module, const std::string& method
       promise.setError(outcome.otherError);
     }
   };
-  auto task = [weak, module, method, args = std::move(args), id, finish]() mutable {
+  const std::uint64_t arrival = bexko::detail::stampArrival();
+  auto task = [weak, module, method, args = std::move(args), id, finish, arrival]() mutable {
     boost::shared_ptr<ZRBroker> self = weak.lock();
     if (!self) {
       finish(nullptr, brokerGone(module, method, id));
       return;
     }
-    finish(self->impl_.get(), self->impl_->runCall(module, method, args, id));
+    finish(self->impl_.get(), self->impl_->runCall(module, method, args, id, arrival));
   };
-  if (!impl_->pool->submit(task)) finish(impl_.get(), brokerGone(module, method, id));
+  if (!impl_->submit(module, method, task)) finish(impl_.get(), brokerGone(module, method, id));
   return posted;
 }
 

@@ -1,6 +1,9 @@
 #include "callcontext.h"
 
+#include <atomic>
 #include <vector>
+
+#include <ko/fairmutex.h>
 
 namespace bexko {
 namespace detail {
@@ -10,8 +13,18 @@ namespace {
 thread_local std::vector<CallFrame> callStack;
 thread_local int pendingPostedId = 0;
 thread_local int continuedPostedId = 0;
+thread_local std::uint64_t currentArrival = 0;
+std::atomic<std::uint64_t> nextArrival{1};
 
 }  // namespace
+
+std::uint64_t stampArrival() { return nextArrival.fetch_add(1); }
+
+ArrivalScope::ArrivalScope(std::uint64_t arrival) : previous(currentArrival) {
+  currentArrival = arrival;
+}
+
+ArrivalScope::~ArrivalScope() { currentArrival = previous; }
 
 CallFrameGuard::CallFrameGuard(const ZR::ZRModuleCore* module, bool posted, int id) {
   callStack.push_back(CallFrame{module, posted, id});
@@ -46,3 +59,12 @@ int takeContinuedPostedId() {
 
 }  // namespace detail
 }  // namespace bexko
+
+namespace ko {
+
+std::uint64_t arrivalTicket() {
+  const std::uint64_t current = bexko::detail::currentArrival;
+  return current ? current : bexko::detail::stampArrival();
+}
+
+}  // namespace ko

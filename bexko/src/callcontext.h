@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+
 #include <zr/export.h>
 
 namespace ZR {
@@ -44,6 +46,21 @@ class PostedCallMark {
 
 /// Takes the posted-call mark of this thread: the id, or 0 when the call was not posted.
 int takePostedCallMark();
+
+/// Numbers a call as it reaches the host (see ko::arrivalTicket).
+std::uint64_t stampArrival();
+
+/// Makes `arrival` the number of the call served on this thread for its lifetime.
+class ArrivalScope {
+ public:
+  explicit ArrivalScope(std::uint64_t arrival);
+  ~ArrivalScope();
+  ArrivalScope(const ArrivalScope&) = delete;
+  ArrivalScope& operator=(const ArrivalScope&) = delete;
+
+ private:
+  std::uint64_t previous;
+};
 
 /// Posted-call ids run from firstPostedId to lastPostedId and then wrap back to firstPostedId.
 /// Modules number their own tasks from 1 and hand both kinds of id to the same stop(id), so the

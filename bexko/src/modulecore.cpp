@@ -1,6 +1,7 @@
 #include <zr/zrmodulecore.h>
 
 #include <mutex>
+#include <set>
 
 #include <boost/weak_ptr.hpp>
 
@@ -54,6 +55,7 @@ struct ZRModuleCore::Impl {
   std::string description;
   std::vector<ZRExampleInfo> examples;
   std::vector<Method> methods;  // registration order
+  std::set<std::string> promptMethods;
   ZRMethodInfo current;
 };
 
@@ -231,6 +233,16 @@ int ZRModuleCore::getMethodID() const {
 }
 
 // Host side --------------------------------------------------------------------------------------
+
+void ZRModuleCore::setMethodPrompt(const std::string& name) {
+  std::lock_guard<std::mutex> lock(impl_->mutex);
+  impl_->promptMethods.insert(name);
+}
+
+bool ZRModuleCore::isMethodPrompt(const std::string& name) const {
+  std::lock_guard<std::mutex> lock(impl_->mutex);
+  return impl_->promptMethods.count(name) > 0;
+}
 
 bool ZRModuleCore::hasMethod(const std::string& method) const {
   std::lock_guard<std::mutex> lock(impl_->mutex);

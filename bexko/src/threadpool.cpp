@@ -27,27 +27,38 @@ enum TaskPhase { Pending, Started, Cancelled };
 
 struct ThreadPool::State {
   std::size_t maxThreads;
+  std::size_t maxPromptThreads;
   std::chrono::milliseconds idleTimeout;
 
   mutable std::mutex mutex;
   std::condition_variable workAvailable;
   std::deque<std::function<void()>> queue;
+  std::deque<std::function<void()>> promptQueue;  // taken before `queue`
   std::map<std::thread::id, std::thread> workers;
   // Threads that retired on their own and still have to be joined.
   std::vector<std::thread> retired;
   std::size_t idle = 0;
+  std::size_t ordinaryRunning = 0;
   bool stopping = false;
 
   static void run(const std::shared_ptr<State>& self);
-  static bool submit(const std::shared_ptr<State>& self, std::function<void()> fn);
+  static bool submit(const std::shared_ptr<State>& self, std::function<void()> fn, bool prompt);
+  // Whether an idle thread has something it may take: a prompt task, or an ordinary one while
+  // fewer than maxThreads run.
+  bool hasWork() const {
+    return !promptQueue.empty() || (!queue.empty() && ordinaryRunning < maxThreads);
+  }
 };
 
 void ThreadPool::State::run(const std::shared_ptr<State>& self) {
   std::unique_lock<std::mutex> lock(self->mutex);
   for (;;) {
-    if (!self->queue.empty()) {
-      std::function<void()> task = std::move(self->queue.front());
-      self->queue.pop_front();
+    if (self->hasWork()) {
+      const bool prompt = !self->promptQueue.empty();
+      auto& from = prompt ? self->promptQueue : self->queue;
+      std::function<void()> task = std::move(from.front());
+      from.pop_front();
+      if (!prompt) ++self->ordinaryRunning;
       lock.unlock();
       try {
         task();
@@ -61,12 +72,13 @@ void ThreadPool::State::run(const std::shared_ptr<State>& self) {
       // heavy (a broker, a module): let it go before taking the lock again.
       task = nullptr;
       lock.lock();
+      if (!prompt) --self->ordinaryRunning;
       continue;
     }
     if (self->stopping) return;  // shutdown joins this thread
     ++self->idle;
-    bool woken = self->workAvailable.wait_for(
-        lock, self->idleTimeout, [&] { return !self->queue.empty() || self->stopping; });
+    bool woken = self->workAvailable.wait_for(lock, self->idleTimeout,
+                                              [&] { return self->hasWork() || self->stopping; });
     --self->idle;
     if (!woken) {
       // Idle for too long: retire, leaving the thread object to be joined by whoever next
@@ -81,13 +93,20 @@ void ThreadPool::State::run(const std::shared_ptr<State>& self) {
   }
 }
 
-bool ThreadPool::State::submit(const std::shared_ptr<State>& self, std::function<void()> fn) {
+bool ThreadPool::State::submit(const std::shared_ptr<State>& self, std::function<void()> fn,
+                               bool prompt) {
   std::vector<std::thread> toJoin;
   {
     std::lock_guard<std::mutex> lock(self->mutex);
     if (self->stopping) return false;
-    self->queue.push_back(std::move(fn));
-    if (self->queue.size() > self->idle && self->workers.size() < self->maxThreads) {
+    (prompt ? self->promptQueue : self->queue).push_back(std::move(fn));
+    // A new thread when the idle ones cannot take what waits: ordinary tasks grow the pool up
+    // to maxThreads, prompt ones up to maxPromptThreads more. Any thread takes prompt tasks
+    // first and ordinary ones only while fewer than maxThreads run.
+    const bool start =
+        self->promptQueue.size() + self->queue.size() > self->idle &&
+        self->workers.size() < self->maxThreads + (prompt ? self->maxPromptThreads : 0);
+    if (start) {
       std::thread worker([self] { State::run(self); });
       auto id = worker.get_id();
       self->workers.emplace(id, std::move(worker));
@@ -100,15 +119,23 @@ bool ThreadPool::State::submit(const std::shared_ptr<State>& self, std::function
   return true;
 }
 
-ThreadPool::ThreadPool(std::size_t maxThreads, std::chrono::milliseconds idleTimeout)
+ThreadPool::ThreadPool(std::size_t maxThreads, std::chrono::milliseconds idleTimeout,
+                       std::size_t maxPromptThreads)
     : state_(std::make_shared<State>()) {
   state_->maxThreads = maxThreads == 0 ? 1 : maxThreads;
+  state_->maxPromptThreads = maxPromptThreads;
   state_->idleTimeout = idleTimeout;
 }
 
 ThreadPool::~ThreadPool() { shutdown(); }
 
-bool ThreadPool::submit(std::function<void()> fn) { return State::submit(state_, std::move(fn)); }
+bool ThreadPool::submit(std::function<void()> fn) {
+  return State::submit(state_, std::move(fn), false);
+}
+
+bool ThreadPool::submitPrompt(std::function<void()> fn) {
+  return State::submit(state_, std::move(fn), true);
+}
 
 ko::Future<void> ThreadPool::asyncDelay(std::function<void()> fn, std::chrono::nanoseconds delay) {
   auto phase = std::make_shared<std::atomic<int>>(Pending);
@@ -144,7 +171,7 @@ ko::Future<void> ThreadPool::asyncDelay(std::function<void()> fn, std::chrono::n
   ko::getEventLoop()->asyncDelay(
       [weak, task, promise, refuse]() mutable {
         auto state = weak.lock();
-        if (!state || !State::submit(state, task)) refuse(promise);
+        if (!state || !State::submit(state, task, false)) refuse(promise);
       },
       delay);
   return future;

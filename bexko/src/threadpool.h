@@ -14,10 +14,16 @@ namespace bexko {
 /// A task never waits for another to finish: when no thread is idle, the pool starts a new one,
 /// up to `maxThreads` (beyond that, tasks wait in arrival order). A thread that stays idle for
 /// `idleTimeout` retires. Exceptions from tasks are logged and never leave the pool's threads.
+///
+/// Prompt tasks (submitPrompt: short work that never waits for long) go ahead of every
+/// ordinary task, and when every thread is busy they get threads of their own beyond
+/// `maxThreads`, up to `maxPromptThreads` more: ordinary tasks that wait, however many, never
+/// hold a prompt one back.
 class ThreadPool : public ko::ExecutionContext {
  public:
   explicit ThreadPool(std::size_t maxThreads = 256,
-                      std::chrono::milliseconds idleTimeout = std::chrono::seconds(30));
+                      std::chrono::milliseconds idleTimeout = std::chrono::seconds(30),
+                      std::size_t maxPromptThreads = 64);
   /// Shuts the pool down (see shutdown).
   ~ThreadPool() override;
   ThreadPool(const ThreadPool&) = delete;
@@ -32,6 +38,9 @@ class ThreadPool : public ko::ExecutionContext {
   /// Queues `fn` to run as soon as a thread is free. False, with `fn` not run, once the pool is
   /// shut down.
   bool submit(std::function<void()> fn);
+  /// Queues `fn` ahead of every ordinary task, with a thread of its own if none is idle (see
+  /// the class comment). False, with `fn` not run, once the pool is shut down.
+  bool submitPrompt(std::function<void()> fn);
 
   /// Stops accepting work, lets the threads run what is already queued, and joins them.
   /// Idempotent. Called from a pool thread, it joins every other thread and lets the calling

@@ -337,6 +337,16 @@ void ZRTextToSpeech::xPublishMethods() {
                                   &ZRTextToSpeech::loadDictionary);
   objectBuilder().advertiseSignal("synchroTTS", synchroTTS);
   objectBuilder().advertiseSignal("languageTTS", languageTTS);
+
+  // Methods that never wait for a sentence (they take at most the queue lock for a moment):
+  // the host answers them while says wait their turn, so that a stop or a read is never held
+  // behind a queue of sentences.
+  for (const char* method :
+       {"stopAll", "_pause", "_resume", "getVolume", "setVolume", "getLanguage",
+        "getAvailableLanguages", "getSupportedLanguages", "getParameter", "setParameter",
+        "resetSpeed", "getVoice", "getAvailableVoices", "locale", "showVoiceSettings"}) {
+    setMethodPrompt(method);
+  }
 }
 
 }  // namespace ZR

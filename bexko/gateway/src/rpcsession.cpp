@@ -331,11 +331,12 @@ void RpcSession::stop(const Request& request) {
     fail(request, rpcerror::InvalidParams, "Invalid params: a call id is a 32-bit integer");
     return;
   }
-  // A module's stop may wait on its own locks: never on the transport's thread.
+  // A module's stop may wait on its own locks: never on the transport's thread, and never
+  // behind the calls it is meant to stop.
   std::weak_ptr<RpcSession> weak = shared_from_this();
   auto broker = broker_;
   std::string moduleName = *module;
-  broker_->threadPool().post([weak, broker, moduleName, callId, request] {
+  broker_->submitPrompt([weak, broker, moduleName, callId, request] {
     auto self = weak.lock();
     if (!self) return;
     try {

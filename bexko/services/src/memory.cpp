@@ -244,6 +244,13 @@ Memory::Memory(boost::shared_ptr<ZR::ZRBroker> broker)
   addParam("module", "Name of the subscribed module.");
   addMethodExample("python", "memory.unsubscribeToMicroEvent(\"MyModule/Done\", \"MyListener\")");
   bindMethodOverload(ZR::createFunctor(this, &Memory::unsubscribeToMicroEvent));
+
+  // The event store never waits (deliveries go to the host's threads): every call is prompt.
+  for (const char* method :
+       {"declareEvent", "raiseEvent", "insertData", "getData", "getDataList", "subscribeToEvent",
+        "subscribeToMicroEvent", "unsubscribeToEvent", "unsubscribeToMicroEvent"}) {
+    setMethodPrompt(method);
+  }
 }
 
 Memory::~Memory() = default;

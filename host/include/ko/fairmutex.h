@@ -5,15 +5,24 @@
 #include <map>
 #include <mutex>
 
+#include <zr/export.h>
+
 namespace ko {
 
-/// A mutex that hands itself to its waiters in the order they asked for it, so that callers
-/// blocked on a long critical section (a sentence being spoken) go in turn instead of in
-/// whatever order the scheduler wakes them. Each waiter sleeps on a condition of its own: an
-/// unlock wakes exactly the next one. Meets the Lockable requirements (std::lock_guard,
-/// std::unique_lock, boost::lock_guard).
+/// The place of the call being served on this thread in the order in which calls reached the
+/// host (posted and asynchronous calls are numbered when the host receives them, before any
+/// thread runs them); on a thread that serves no such call, a new number, as if a call arrived
+/// now. Numbers only grow.
+BEXKO_API std::uint64_t arrivalTicket();
+
+/// A mutex that hands itself to its waiters in the order in which their calls reached the host
+/// (arrivalTicket), so that callers blocked on a long critical section (a sentence being
+/// spoken) go in turn instead of in whatever order the host's threads happened to reach it.
+/// Each waiter sleeps on a condition of its own: an unlock wakes exactly the next one. Meets
+/// the Lockable requirements (std::lock_guard, std::unique_lock, boost::lock_guard).
 ///
-/// A thread that finds the mutex free and nobody waiting takes it at once.
+/// A thread that finds the mutex free and nobody waiting takes it at once, even if a call that
+/// reached the host earlier has not got as far yet.
 class FairMutex {
  public:
   FairMutex() = default;
@@ -27,8 +36,7 @@ class FairMutex {
       return;
     }
     Waiter self;
-    const std::uint64_t ticket = nextTicket++;
-    waiters.emplace(ticket, &self);
+    waiters.emplace(arrivalTicket(), &self);
     self.wake.wait(guard, [&self] { return self.granted; });
     // unlock() erased this waiter and left `held` set for it.
   }
@@ -67,8 +75,9 @@ class FairMutex {
 
   mutable std::mutex state;
   bool held = false;
-  std::uint64_t nextTicket = 0;
-  std::map<std::uint64_t, Waiter*> waiters;  // by ticket: the earliest first
+  // By arrival: the earliest first. A thread that makes a call of its own in turn keeps its
+  // call's number, so two waiters may share one: the later one queues after it.
+  std::multimap<std::uint64_t, Waiter*> waiters;
 };
 
 }  // namespace ko

@@ -45,8 +45,9 @@ struct ZRPostedCall {
 /// owner of the host threads that deliver calls and of the session.
 ///
 /// Published calls run on the thread that makes them (call) or on the host's pool of threads
-/// (callAsync, post); the pool grows with blocking calls, so a call that waits never starves
-/// another.
+/// (callAsync, post); the pool grows with blocking calls up to 256 threads, beyond which calls
+/// wait their turn in arrival order. Calls of prompt methods, and the host's stops, never wait
+/// behind them: they go first, on up to 64 threads more.
 class BEXKO_API ZRBroker : public boost::enable_shared_from_this<ZRBroker> {
  public:
   /// Creates a broker named `name`, with a new session and pool; `manager` is kept weakly.
@@ -96,8 +97,8 @@ class BEXKO_API ZRBroker : public boost::enable_shared_from_this<ZRBroker> {
   /// of calls still running; they are never 0, negative or 2147483647. Modules number the tasks
   /// they start on their own from 1, and stop(id) receives both kinds, so a posted id does not
   /// meet a module's own task id in practice (it would take a module a billion tasks).
-  ZRPostedCall post(const std::string& module, const std::string& method,
-                    std::vector<ZRValue> args, ZRCallCallback done = {});
+  ZRPostedCall post(const std::string& module, const std::string& method, std::vector<ZRValue> args,
+                    ZRCallCallback done = {});
   /// The host's stop of a posted call: calls the module's stop(id) on this thread. Throws
   /// ZRError for an unknown module.
   void stop(const std::string& module, int id);
@@ -109,6 +110,11 @@ class BEXKO_API ZRBroker : public boost::enable_shared_from_this<ZRBroker> {
 
   /// The host's pool, for work that may block (event deliveries, gateway calls).
   ko::ExecutionContext& threadPool();
+  /// Runs `fn` on a host thread ahead of every call that waits, on a thread of its own when
+  /// every host thread is busy: for short work that must answer while clients' calls wait (the
+  /// host's stop of a posted call). Calls of methods that their module marked prompt
+  /// (ZRModuleCore::setMethodPrompt) go the same way. False once the broker is shut down.
+  bool submitPrompt(std::function<void()> fn);
 
   /// Calls exit() on every module, newest first, then unregisters them all. Idempotent.
   void shutdown();

@@ -73,6 +73,14 @@ class BEXKO_API ZRModuleCore : public boost::enable_shared_from_this<ZRModuleCor
   void bindMethodOverload(ZRFunctorPtr functor);
   ZRObjectBuilder& objectBuilder();
 
+  /// Marks the published method `name` (every overload, also those bound later) as prompt: it
+  /// never waits for long (no lock held across a sentence, no call to a slow module). The host
+  /// runs prompt calls ahead of calls that wait, on threads of their own when every host
+  /// thread is busy, so that a stop or a read answers while other clients' calls wait.
+  void setMethodPrompt(const std::string& name);
+  /// Whether `name` was marked prompt.
+  bool isMethodPrompt(const std::string& name) const;
+
   /// The module's published documentation.
   ZRModuleInfo moduleInfo() const;
   /// The module's object of signals, published in the broker's session under the module name.
