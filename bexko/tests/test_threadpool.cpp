@@ -57,6 +57,39 @@ TEST(ThreadPoolTest, BeyondTheCapTasksWaitInArrivalOrder) {
   }
 }
 
+TEST(ThreadPoolTest, PromptTasksRunWhileEveryThreadWaitsAndNeverTakeOrdinaryWork) {
+  Gate gate;
+  Recorder<> order;
+  bexko::ThreadPool pool(2, std::chrono::seconds(30), 2);
+  for (int i = 0; i < 2; ++i) pool.submit([&] { gate.wait(); });
+  EXPECT_TRUE(gate.waitForWaiting(2));
+  // Queued ordinary work waits for the cap; a prompt task goes ahead on a thread of its own.
+  pool.submit([&] { order.add(1); });
+  std::promise<void> promptRan;
+  pool.submitPrompt([&] {
+    order.add(2);
+    promptRan.set_value();
+  });
+  ASSERT_EQ(promptRan.get_future().wait_for(longWait), std::future_status::ready);
+  std::this_thread::sleep_for(50ms);  // room for the extra thread to take ordinary work wrongly
+  EXPECT_EQ(order.seen(), std::vector<int>{2});
+  EXPECT_EQ(pool.threadCount(), 3u);
+
+  // Beyond the prompt threads too, prompt tasks wait only for each other.
+  Gate promptGate;
+  for (int i = 0; i < 2; ++i) pool.submitPrompt([&] { promptGate.wait(); });
+  EXPECT_TRUE(promptGate.waitForWaiting(2));
+  EXPECT_EQ(pool.threadCount(), 4u);
+  std::promise<void> thirdRan;
+  pool.submitPrompt([&] { thirdRan.set_value(); });
+  auto third = thirdRan.get_future();
+  EXPECT_EQ(third.wait_for(50ms), std::future_status::timeout);
+  promptGate.open();
+  EXPECT_EQ(third.wait_for(longWait), std::future_status::ready);
+  gate.open();
+  EXPECT_TRUE(eventually([&] { return order.seen().size() == 2; }));
+}
+
 TEST(ThreadPoolTest, IdleThreadsRetireAndThePoolStartsNewOnes) {
   Gate gate;
   bexko::ThreadPool pool(8, 30ms);
