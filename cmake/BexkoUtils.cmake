@@ -4,6 +4,17 @@
 if(BEXKO_SANITIZE AND NOT BEXKO_SANITIZE MATCHES "^(address|thread)$")
   message(FATAL_ERROR "BEXKO_SANITIZE must be 'address', 'thread' or empty, not '${BEXKO_SANITIZE}'")
 endif()
+if(BEXKO_FUZZ)
+  if(NOT CMAKE_CXX_COMPILER_ID MATCHES "Clang" OR NOT CMAKE_C_COMPILER_ID MATCHES "Clang")
+    message(FATAL_ERROR "BEXKO_FUZZ needs clang for C and C++ (libFuzzer), not "
+                        "${CMAKE_C_COMPILER_ID}/${CMAKE_CXX_COMPILER_ID}: configure with "
+                        "CC=clang-14 CXX=clang++-14 in a fresh build folder")
+  endif()
+  if(BEXKO_SANITIZE STREQUAL "thread")
+    message(FATAL_ERROR "BEXKO_FUZZ builds with AddressSanitizer: it cannot be combined with "
+                        "BEXKO_SANITIZE=thread")
+  endif()
+endif()
 
 function(bexko_configure_target target)
   get_target_property(type ${target} TYPE)
@@ -14,6 +25,12 @@ function(bexko_configure_target target)
   if(BEXKO_SANITIZE STREQUAL "address")
     # Undefined behaviour aborts the process, so that a test that meets it fails.
     target_compile_options(${target} PRIVATE -fsanitize=address,undefined
+                                             -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
+    target_link_options(${target} PRIVATE -fsanitize=address,undefined -fno-sanitize-recover=undefined)
+  elseif(BEXKO_FUZZ)
+    # Every library that a fuzz target reaches is instrumented for coverage, so that the fuzzer
+    # steers by what happens inside it, and checked by the same sanitizers as the target.
+    target_compile_options(${target} PRIVATE -fsanitize=fuzzer-no-link,address,undefined
                                              -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
     target_link_options(${target} PRIVATE -fsanitize=address,undefined -fno-sanitize-recover=undefined)
   elseif(BEXKO_SANITIZE STREQUAL "thread")
@@ -66,4 +83,25 @@ function(bexko_add_component_tests name dir)
     endif()
     bexko_add_gtest(${name} SOURCES ${sources} LIBRARIES ${ARG_LIBRARIES} TIMEOUT ${ARG_TIMEOUT})
   endif()
+endfunction()
+
+# bexko_add_fuzz_target(<name> SOURCES ... LIBRARIES ... CORPUS <dir>): a libFuzzer executable
+# (built only with BEXKO_FUZZ), checked by AddressSanitizer and UndefinedBehaviorSanitizer.
+# <dir> is its committed seed corpus; bin/fuzz-targets.txt lists every target with its corpus,
+# for scripts/fuzz.sh.
+function(bexko_add_fuzz_target name)
+  cmake_parse_arguments(ARG "" "CORPUS" "SOURCES;LIBRARIES" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  target_link_libraries(${name} PRIVATE ${ARG_LIBRARIES})
+  bexko_configure_target(${name})
+  target_compile_options(${name} PRIVATE -fsanitize=fuzzer)
+  target_link_options(${name} PRIVATE -fsanitize=fuzzer)
+  set_property(GLOBAL APPEND PROPERTY BEXKO_FUZZ_TARGETS "${name} ${ARG_CORPUS}")
+  get_property(targets GLOBAL PROPERTY BEXKO_FUZZ_TARGETS)
+  list(JOIN targets "\n" lines)
+  file(WRITE ${CMAKE_BINARY_DIR}/bin/fuzz-targets.txt "${lines}\n")
+  if(NOT TARGET bexko_fuzz)
+    add_custom_target(bexko_fuzz)
+  endif()
+  add_dependencies(bexko_fuzz ${name})
 endfunction()

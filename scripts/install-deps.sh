@@ -6,6 +6,7 @@ set -euo pipefail
 
 packages=(
   build-essential cmake ninja-build pkg-config clang-format
+  clang-14 libclang-rt-14-dev
   libboost1.74-dev libboost-thread1.74-dev libboost-filesystem1.74-dev
   qtbase5-dev
   libsndfile1-dev sndfile-programs
