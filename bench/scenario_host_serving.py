@@ -11,10 +11,18 @@ ZRMemory.getDataList 50 times each and the scenario prints how long each answer 
 p99, max). Then the flooding client resumes the service, stops everything and disconnects,
 and the scenario reports how long the daemon took to have no waiting say left, the order in
 which the posted says started (adjacent inversions), and that the daemon exits with status 0.
+
+Then two resource bounds: 300 idle TCP connections are opened (the daemon admits 256 at most,
+as the bystander's own count among them) and the scenario reports how many were closed at once
+and how long the bystander's getVolume took meanwhile; and 8 clients subscribe to a key and
+never read while a client raises 64 KiB values on it: the scenario reports the daemon's
+resident memory before and after, and how many of the 8 it disconnected.
 Bounded: every wait has a time-out; nothing leaves the machine.
 """
 
+import json
 import os
+import socket
 import sys
 import threading
 import time
@@ -28,6 +36,78 @@ def percentiles(values):
     values = sorted(values)
     pick = lambda q: values[min(len(values) - 1, int(q * len(values)))]
     return "p50 %6.1f ms  p99 %6.1f ms  max %6.1f ms" % (pick(0.5), pick(0.99), values[-1])
+
+
+def rss_mb(pid):
+    with open("/proc/%d/status" % pid) as status:
+        for line in status:
+            if line.startswith("VmRSS:"):
+                return int(line.split()[1]) / 1024.0
+    return -1.0
+
+
+def idle_connections(daemon, bystander, count=300):
+    host, port = daemon.url[len("ws://"):].rsplit(":", 1)
+    sockets = []
+    for _ in range(count):
+        try:
+            sockets.append(socket.create_connection((host, int(port)), timeout=5))
+        except OSError:
+            break
+    time.sleep(0.5)
+    closed = 0
+    for sock in sockets:
+        sock.settimeout(0.01)
+        try:
+            if sock.recv(1) == b"":
+                closed += 1
+        except socket.timeout:
+            pass
+        except OSError:
+            closed += 1
+    t0 = time.perf_counter()
+    bystander.call("ZRTextToSpeech", "getVolume", timeout=10)
+    served = (time.perf_counter() - t0) * 1000
+    for sock in sockets:
+        sock.close()
+    print("%d idle connections opened: %d closed by the daemon at once; bystander getVolume "
+          "meanwhile %.1f ms" % (len(sockets), closed, served))
+
+
+def silent_readers(daemon, writer, count=8, seconds=10):
+    import websocket
+    readers = []
+    for n in range(count):
+        ws = websocket.create_connection(daemon.url, timeout=5)
+        ws.send(json.dumps({"jsonrpc": "2.0", "id": 1, "method": "bexko.subscribe",
+                            "params": {"key": "Scenario/Flood"}}))
+        readers.append(ws)
+    time.sleep(0.5)
+    before = rss_mb(daemon.process.pid)
+    value = "x" * 65536
+    deadline = time.time() + seconds
+    raised = 0
+    while time.time() < deadline:
+        writer.call("ZRMemory", "raiseEvent", "Scenario/Flood", value, timeout=10)
+        raised += 1
+    peak = rss_mb(daemon.process.pid)
+    dropped = 0
+    for ws in readers:
+        # What the kernel still holds is read; then the daemon's close frame (or a reset) ends
+        # the connection, unless the daemon kept it, in which case the read times out.
+        try:
+            ws.settimeout(2)
+            while ws.recv():
+                pass
+            dropped += 1
+        except websocket.WebSocketTimeoutException:
+            pass
+        except (websocket.WebSocketConnectionClosedException, OSError):
+            dropped += 1
+        ws.close()
+    print("%d clients that never read, %d raises of 64 KiB (%.0f MiB per client): daemon RSS "
+          "%.0f MB before, %.0f MB after; %d of them disconnected"
+          % (count, raised, raised * 64 / 1024.0, before, peak, dropped))
 
 
 def main():
@@ -83,8 +163,11 @@ def main():
               % (len(order), inversions))
         if inversions and os.environ.get("SCENARIO_VERBOSE"):
             print([(a, b) for a, b in zip(order, order[1:]) if a > b])
-        for client in flooders + [bystander]:
+        for client in flooders:
             client.close()
+        idle_connections(daemon, bystander)
+        silent_readers(daemon, bystander)
+        bystander.close()
     finally:
         status = daemon.stop()
         print("daemon exit status %s" % status)

@@ -111,6 +111,11 @@ int main(int argc, char** argv) {
   bool noModules = false;
   std::string audioOutputName = "none";
   std::size_t maxMessageBytes = 1024 * 1024;
+  const bexko::gateway::GatewayOptions gatewayDefaults;
+  std::size_t maxConnections = gatewayDefaults.maxConnections;
+  std::size_t maxConnectionsPerAddress = gatewayDefaults.maxConnectionsPerAddress;
+  std::size_t maxUnreadBytes = gatewayDefaults.maxQueuedBytes;
+  int idleTimeoutSeconds = static_cast<int>(gatewayDefaults.idleTimeout.count());
 
   app.add_option("libraries", libraries,
                  "Module libraries to load with dlopen and enter through _createModule, in "
@@ -127,11 +132,12 @@ int main(int argc, char** argv) {
                  "\"Authorization: Bearer TOKEN\"); also read from BEXKO_TOKEN. When set it is "
                  "required on every address, loopback included")
       ->envname("BEXKO_TOKEN");
-  app.add_option("--log-level", logLevel,
-                 "Log levels per category: comma-separated GLOB=LEVEL rules, the most specific "
-                 "matching rule winning, a bare LEVEL meaning *=LEVEL; levels silent, fatal, error, "
-                 "warning, info, verbose, debug or 0-6 (example: \"audio.*=verbose,*=info\"); "
-                 "also read from BEXKO_LOG_LEVEL. Default: info")
+  app.add_option(
+         "--log-level", logLevel,
+         "Log levels per category: comma-separated GLOB=LEVEL rules, the most specific "
+         "matching rule winning, a bare LEVEL meaning *=LEVEL; levels silent, fatal, error, "
+         "warning, info, verbose, debug or 0-6 (example: \"audio.*=verbose,*=info\"); "
+         "also read from BEXKO_LOG_LEVEL. Default: info")
       ->envname("BEXKO_LOG_LEVEL");
   app.add_option("--log-file", logFile, "Also append every log record to this file");
   app.add_option("--audio-output", audioOutputName,
@@ -149,6 +155,24 @@ int main(int argc, char** argv) {
                  "disconnected with WebSocket status 1009")
       ->capture_default_str()
       ->check(CLI::Range(std::size_t(1024), std::size_t(64) * 1024 * 1024));
+  app.add_option("--max-connections", maxConnections,
+                 "Open connections in all; one beyond is closed as soon as it is accepted")
+      ->capture_default_str()
+      ->check(CLI::Range(std::size_t(1), std::size_t(4096)));
+  app.add_option("--max-connections-per-address", maxConnectionsPerAddress,
+                 "Open connections from one address")
+      ->capture_default_str()
+      ->check(CLI::Range(std::size_t(1), std::size_t(4096)));
+  app.add_option("--max-unread-bytes", maxUnreadBytes,
+                 "Answers and events waiting for a client that does not read, in bytes; "
+                 "beyond it the client is disconnected (WebSocket status 1008)")
+      ->capture_default_str()
+      ->check(CLI::Range(std::size_t(64) * 1024, std::size_t(1024) * 1024 * 1024));
+  app.add_option("--idle-timeout", idleTimeoutSeconds,
+                 "Seconds of silence after which a WebSocket client is closed; it is pinged at "
+                 "half that time, so a client that answers pings stays (0: never)")
+      ->capture_default_str()
+      ->check(CLI::Range(0, 86400));
 
   CLI11_PARSE(app, argc, argv);
 
@@ -226,6 +250,10 @@ int main(int argc, char** argv) {
   options.port = port;
   options.token = token;
   options.maxMessageBytes = maxMessageBytes;
+  options.maxConnections = maxConnections;
+  options.maxConnectionsPerAddress = maxConnectionsPerAddress;
+  options.maxQueuedBytes = maxUnreadBytes;
+  options.idleTimeout = std::chrono::seconds(idleTimeoutSeconds);
   bexko::gateway::Gateway gateway(broker, options);
   try {
     gateway.start();

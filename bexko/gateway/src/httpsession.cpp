@@ -29,8 +29,11 @@ constexpr std::uint64_t kBodyLimit = 16 * 1024;
 
 }  // namespace
 
-HttpSession::HttpSession(net::ip::tcp::socket&& socket, std::shared_ptr<SharedState> state)
-    : stream_(std::move(socket)), state_(std::move(state)) {}
+HttpSession::HttpSession(net::ip::tcp::socket&& socket, std::shared_ptr<SharedState> state,
+                         std::unique_ptr<ConnectionSlot> slot)
+    : stream_(std::move(socket)), state_(std::move(state)), slot_(std::move(slot)) {}
+
+HttpSession::~HttpSession() = default;
 
 void HttpSession::run() {
   net::dispatch(stream_.get_executor(), [self = shared_from_this()] { self->read(); });
@@ -89,7 +92,8 @@ void HttpSession::onRead(beast::error_code ec, std::size_t) {
     }
   }
   stream_.expires_never();
-  std::make_shared<WebSocketSession>(stream_.release_socket(), state_)->run(std::move(request));
+  std::make_shared<WebSocketSession>(stream_.release_socket(), state_, std::move(slot_))
+      ->run(std::move(request));
 }
 
 void HttpSession::refuse(http::status status, const std::string& text) {

@@ -10,13 +10,16 @@ namespace bexko {
 namespace gateway {
 
 class SharedState;
+class ConnectionSlot;
 
 /// Reads the HTTP request of a new connection. A WebSocket upgrade that passes the access
 /// checks (Origin, token) becomes a WebSocketSession; anything else gets an HTTP error answer
 /// and the connection is closed.
 class HttpSession : public std::enable_shared_from_this<HttpSession> {
  public:
-  HttpSession(boost::asio::ip::tcp::socket&& socket, std::shared_ptr<SharedState> state);
+  HttpSession(boost::asio::ip::tcp::socket&& socket, std::shared_ptr<SharedState> state,
+              std::unique_ptr<ConnectionSlot> slot);
+  ~HttpSession();
   void run();
 
  private:
@@ -27,6 +30,7 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
   boost::beast::tcp_stream stream_;
   boost::beast::flat_buffer buffer_;
   std::shared_ptr<SharedState> state_;
+  std::unique_ptr<ConnectionSlot> slot_;  // handed on to the WebSocket session
   std::optional<boost::beast::http::request_parser<boost::beast::http::string_body>> parser_;
   std::shared_ptr<boost::beast::http::response<boost::beast::http::string_body>> response_;
 };

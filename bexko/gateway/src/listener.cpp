@@ -61,7 +61,24 @@ void Listener::onAccept(const boost::system::error_code& ec, tcp::socket socket)
     });
     return;
   }
-  std::make_shared<HttpSession>(std::move(socket), state_)->run();
+  boost::system::error_code peerError;
+  const tcp::endpoint peer = socket.remote_endpoint(peerError);
+  const std::string address = peerError ? std::string("?") : peer.address().to_string();
+  std::unique_ptr<ConnectionSlot> slot = state_->admit(address);
+  if (!slot) {
+    // Closed at once, so that one client cannot take every descriptor of the daemon.
+    if (refusedInARow_++ % 100 == 0) {
+      KO_LOG(logCategory(), ko::log::warning, "onAccept")
+          << "too many connections (at most " << state_->options().maxConnections << ", "
+          << state_->options().maxConnectionsPerAddress << " from one address): refused one from "
+          << address << " (" << refusedInARow_ << " in a row)";
+    }
+    boost::system::error_code ignored;
+    socket.close(ignored);
+  } else {
+    refusedInARow_ = 0;
+    std::make_shared<HttpSession>(std::move(socket), state_, std::move(slot))->run();
+  }
   accept();
 }
 

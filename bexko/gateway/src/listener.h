@@ -32,6 +32,7 @@ class Listener : public std::enable_shared_from_this<Listener> {
   boost::asio::steady_timer retryTimer_;
   std::shared_ptr<SharedState> state_;
   boost::asio::ip::tcp::endpoint localEndpoint_;
+  std::size_t refusedInARow_ = 0;  // connections refused since the last one admitted
 };
 
 }  // namespace gateway

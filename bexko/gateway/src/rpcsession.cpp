@@ -387,12 +387,20 @@ void RpcSession::subscribe(const Request& request) {
     fail(request, rpcerror::InternalError, "The event store \"ZRMemory\" is not running");
     return;
   }
+  bool full = false;
   {
     std::lock_guard<std::mutex> lock(linksMutex_);
     if (observers_.count(*key)) {
       reply(request, nullptr);
       return;
     }
+    full = observers_.size() >= limits_.maxSubscriptions;
+  }
+  if (full) {
+    fail(request, rpcerror::TooManyCalls,
+         "Too many subscriptions on this connection (at most " +
+             std::to_string(limits_.maxSubscriptions) + ")");
+    return;
   }
   std::weak_ptr<RpcSession> weak = shared_from_this();
   const int observer =

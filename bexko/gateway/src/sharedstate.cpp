@@ -8,6 +8,33 @@ namespace gateway {
 SharedState::SharedState(boost::shared_ptr<ZR::ZRBroker> broker, GatewayOptions options)
     : broker_(std::move(broker)), options_(std::move(options)) {}
 
+std::unique_ptr<ConnectionSlot> SharedState::admit(const std::string& address) {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    std::size_t& fromAddress = connectionsFrom_[address];
+    if (connections_ >= options_.maxConnections ||
+        fromAddress >= options_.maxConnectionsPerAddress) {
+      if (fromAddress == 0) connectionsFrom_.erase(address);
+      return nullptr;
+    }
+    ++connections_;
+    ++fromAddress;
+  }
+  return std::make_unique<ConnectionSlot>(shared_from_this(), address);
+}
+
+ConnectionSlot::ConnectionSlot(std::shared_ptr<SharedState> state, std::string address)
+    : state_(std::move(state)), address_(std::move(address)) {}
+
+ConnectionSlot::~ConnectionSlot() {
+  std::lock_guard<std::mutex> lock(state_->mutex_);
+  --state_->connections_;
+  auto it = state_->connectionsFrom_.find(address_);
+  if (it != state_->connectionsFrom_.end() && --it->second == 0) {
+    state_->connectionsFrom_.erase(it);
+  }
+}
+
 void SharedState::join(const std::shared_ptr<WebSocketSession>& session) {
   std::lock_guard<std::mutex> lock(mutex_);
   sessions_[session.get()] = session;

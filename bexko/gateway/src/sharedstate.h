@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <unordered_map>
 #include <vector>
 
@@ -15,10 +16,25 @@ namespace bexko {
 namespace gateway {
 
 class WebSocketSession;
+class SharedState;
+
+/// One admitted connection, from the accept to the close (held by the HTTP session, then by the
+/// WebSocket session); its destructor frees the place.
+class ConnectionSlot {
+ public:
+  ConnectionSlot(std::shared_ptr<SharedState> state, std::string address);
+  ~ConnectionSlot();
+  ConnectionSlot(const ConnectionSlot&) = delete;
+  ConnectionSlot& operator=(const ConnectionSlot&) = delete;
+
+ private:
+  std::shared_ptr<SharedState> state_;
+  std::string address_;
+};
 
 /// What every connection of one gateway shares: the broker, the options and the set of open
 /// WebSocket sessions, which the gateway closes when it stops.
-class SharedState {
+class SharedState : public std::enable_shared_from_this<SharedState> {
  public:
   SharedState(boost::shared_ptr<ZR::ZRBroker> broker, GatewayOptions options);
   SharedState(const SharedState&) = delete;
@@ -26,6 +42,10 @@ class SharedState {
 
   const boost::shared_ptr<ZR::ZRBroker>& broker() const { return broker_; }
   const GatewayOptions& options() const { return options_; }
+
+  /// A place for a new connection from `address`; null when the gateway holds as many
+  /// connections as its options allow, in all or from that address.
+  std::unique_ptr<ConnectionSlot> admit(const std::string& address);
 
   void join(const std::shared_ptr<WebSocketSession>& session);
   void leave(const WebSocketSession* session);
@@ -38,6 +58,9 @@ class SharedState {
   GatewayOptions options_;
   mutable std::mutex mutex_;
   std::unordered_map<const WebSocketSession*, std::weak_ptr<WebSocketSession>> sessions_;
+  friend class ConnectionSlot;
+  std::size_t connections_ = 0;                                   // under mutex_
+  std::unordered_map<std::string, std::size_t> connectionsFrom_;  // under mutex_
 };
 
 }  // namespace gateway

@@ -22,15 +22,24 @@ ko::log::CategoryType logCategory() {
 }  // namespace
 
 WebSocketSession::WebSocketSession(net::ip::tcp::socket&& socket,
-                                   std::shared_ptr<SharedState> state)
-    : ws_(std::move(socket)), state_(std::move(state)) {}
+                                   std::shared_ptr<SharedState> state,
+                                   std::unique_ptr<ConnectionSlot> slot)
+    : ws_(std::move(socket)), state_(std::move(state)), slot_(std::move(slot)) {}
 
 // The RpcSession was closed by end() or detach(); closing it here could run inside one of its
 // own callbacks (the last reference may be released there) and wait on itself.
 WebSocketSession::~WebSocketSession() = default;
 
 void WebSocketSession::run(http::request<http::string_body> request) {
-  ws_.set_option(websocket::stream_base::timeout::suggested(beast::role_type::server));
+  websocket::stream_base::timeout timeout =
+      websocket::stream_base::timeout::suggested(beast::role_type::server);
+  if (state_->options().idleTimeout.count() > 0) {
+    // Beast pings a client that has been silent for half this time and closes the connection
+    // when nothing at all (a pong included) came back within the whole of it.
+    timeout.idle_timeout = state_->options().idleTimeout;
+    timeout.keep_alive_pings = true;
+  }
+  ws_.set_option(timeout);
   ws_.set_option(websocket::stream_base::decorator(
       [](websocket::response_type& response) { response.set(http::field::server, "bexko"); }));
   ws_.read_message_max(state_->options().maxMessageBytes);

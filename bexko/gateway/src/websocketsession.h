@@ -14,12 +14,14 @@ namespace gateway {
 
 class RpcSession;
 class SharedState;
+class ConnectionSlot;
 
 /// One WebSocket connection: reads text frames into its RpcSession and writes the answers and
 /// notifications it produces, one frame at a time, in the order they were produced.
 class WebSocketSession : public std::enable_shared_from_this<WebSocketSession> {
  public:
-  WebSocketSession(boost::asio::ip::tcp::socket&& socket, std::shared_ptr<SharedState> state);
+  WebSocketSession(boost::asio::ip::tcp::socket&& socket, std::shared_ptr<SharedState> state,
+                   std::unique_ptr<ConnectionSlot> slot);
   ~WebSocketSession();
 
   /// Accepts the upgrade `request` and starts reading.
@@ -44,6 +46,7 @@ class WebSocketSession : public std::enable_shared_from_this<WebSocketSession> {
   boost::beast::websocket::stream<boost::beast::tcp_stream> ws_;
   boost::beast::flat_buffer buffer_;
   std::shared_ptr<SharedState> state_;
+  std::unique_ptr<ConnectionSlot> slot_;  // the connection's place, freed with the session
   std::shared_ptr<RpcSession> rpc_;
   std::deque<std::shared_ptr<const std::string>> queue_;
   std::size_t queuedBytes_ = 0;

@@ -79,8 +79,7 @@ class GatewayTest : public ::testing::Test {
     host_.addFakeModule("ZRFake").addMethod("echo", 1,
                                             [](const std::vector<ZR::ZRValue>& a) { return a[0]; });
   }
-  void start(const std::string& token = "") {
-    GatewayOptions options;
+  void start(const std::string& token = "", GatewayOptions options = {}) {
     options.port = 0;
     options.token = token;
     gateway_ = std::make_unique<Gateway>(host_.broker(), options);
@@ -94,6 +93,49 @@ class GatewayTest : public ::testing::Test {
 
 // Refusing to listen beyond loopback without a token or on a busy port, and the printed URL, are
 // checked by the daemon's integration tests; a frame too big and a binary frame too.
+
+/// Whether the gateway closes a plain TCP connection at once (refused), rather than wait for
+/// its request.
+bool closedAtOnce(unsigned short port) {
+  net::io_context ioc;
+  tcp::socket socket(ioc);
+  net::connect(socket, tcp::resolver(ioc).resolve("127.0.0.1", std::to_string(port)));
+  char byte;
+  beast::error_code ec;
+  // An admitted connection waits 30 s for its request: a second here means it was kept.
+  socket.non_blocking(true);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+  while (std::chrono::steady_clock::now() < deadline) {
+    socket.read_some(net::buffer(&byte, 1), ec);
+    if (ec != net::error::would_block) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return false;
+}
+
+TEST_F(GatewayTest, ConnectionsBeyondTheBoundAreClosedWhileOthersAreServed) {
+  GatewayOptions options;
+  options.maxConnections = 3;
+  options.maxConnectionsPerAddress = 3;
+  start("", options);
+  auto first = std::make_unique<Client>(port());
+  Client second(port()), third(port());
+  EXPECT_TRUE(closedAtOnce(port()));
+  EXPECT_THROW(Client{port()}, beast::system_error);
+  EXPECT_EQ(second.echo("still served"), "still served");
+  // A place freed is taken again, once the closed connection is gone.
+  first.reset();
+  std::unique_ptr<Client> fourth;
+  for (int i = 0; i < 200 && !fourth; ++i) {
+    try {
+      fourth = std::make_unique<Client>(port());
+    } catch (const beast::system_error&) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+  }
+  ASSERT_TRUE(fourth);
+  EXPECT_EQ(fourth->echo(4), 4);
+}
 
 TEST_F(GatewayTest, UpgradesOnlyWithTheTokenAndALocalOrigin) {
   const std::string upgrade =

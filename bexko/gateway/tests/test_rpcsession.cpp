@@ -175,6 +175,19 @@ TEST_F(RpcSessionTest, CallsRunConcurrentlyUpToTheLimit) {
   EXPECT_EQ(call(5, "ZRFake.echo", {1})["result"], 1);  // the finished calls freed their places
 }
 
+TEST_F(RpcSessionTest, SubscriptionsStopAtTheLimitAndAnUnsubscribeFreesAPlace) {
+  limits_.maxSubscriptions = 2;
+  session_ = RpcSession::create(host_.broker(), outbox_.sender(), limits_);
+  EXPECT_TRUE(call(1, "bexko.subscribe", {{"key", "Limit/A"}})["result"].is_null());
+  EXPECT_TRUE(call(2, "bexko.subscribe", {{"key", "Limit/B"}})["result"].is_null());
+  EXPECT_TRUE(call(3, "bexko.subscribe", {{"key", "Limit/A"}})["result"].is_null());  // again
+  const json refused = call(4, "bexko.subscribe", {{"key", "Limit/C"}});
+  EXPECT_EQ(refused["error"]["code"], rpcerror::TooManyCalls);
+  EXPECT_EQ(refused["error"]["message"], "Too many subscriptions on this connection (at most 2)");
+  call(5, "bexko.unsubscribe", {{"key", "Limit/B"}});
+  EXPECT_TRUE(call(6, "bexko.subscribe", {{"key", "Limit/C"}})["result"].is_null());
+}
+
 TEST_F(RpcSessionTest, APostedCallIsAnsweredWithItsIdBeforeItsEndIsNotified) {
   const json added =
       call(1, "bexko.post", {{"module", "ZRFake"}, {"method", "add"}, {"args", {1, 2}}})["result"];

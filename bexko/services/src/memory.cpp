@@ -1,5 +1,6 @@
 #include <bexko/services/memory.h>
 
+#include <algorithm>
 #include <atomic>
 #include <deque>
 #include <map>
@@ -52,6 +53,16 @@ struct ObserverEntry {
 
 using ObserverList = std::vector<ObserverEntry>;
 
+// What a value costs the store, roughly: its text and a few words per element.
+std::size_t sizeOf(const ZR::ZRValue& value) {
+  constexpr std::size_t kElement = 16;
+  if (value.isString()) return kElement + value.toString().size();
+  if (!value.isArray()) return kElement;
+  std::size_t bytes = kElement;
+  for (int i = 0; i < value.getSize(); ++i) bytes += sizeOf(value[i]);
+  return bytes;
+}
+
 void drain(const std::shared_ptr<DeliveryQueue>& queue, const boost::weak_ptr<ZR::ZRBroker>& weak) {
   for (;;) {
     Delivery delivery;
@@ -99,15 +110,48 @@ struct Memory::Impl {
   // Guards the data and the subscriptions; never held while calling out.
   std::mutex dataMutex;
   std::map<std::string, ZR::ZRValue> data;
+  std::size_t dataBytes = 0;  // sizeOf every value in `data`
   std::map<std::string, std::map<std::string, Subscription>> subscriptions;  // key -> module
   std::map<std::string, std::shared_ptr<DeliveryQueue>> queues;              // module -> queue
   bool closed = false;
 
-  // Observers are replaced, never edited, so that a raise reads a snapshot without a copy.
+  // Observers by key ("" for those of every key). Each key's list is replaced, never edited, so
+  // that a raise takes a snapshot of its two lists in O(log n) and runs them without a lock;
+  // observing or unobserving copies one key's list only.
   std::mutex observersMutex;
-  std::shared_ptr<const ObserverList> observers = std::make_shared<ObserverList>();
+  std::map<std::string, std::shared_ptr<const ObserverList>> observers;
+  std::map<int, std::string> observerKeys;  // id -> key
   std::atomic<int> observerCount{0};
   int nextObserverId = 1;
+
+  std::shared_ptr<const ObserverList> observersOf(const std::string& key) {
+    auto it = observers.find(key);
+    return it == observers.end() ? nullptr : it->second;
+  }
+
+  // Stores `value` under `key`, within the bounds of the store. Called with dataMutex held.
+  void store(const std::string& key, const ZR::ZRValue& value, const char* method) {
+    const std::size_t bytes = sizeOf(value) + key.size();
+    if (bytes > Memory::maxValueBytes) {
+      throw ZR::ZRError(moduleName, method,
+                        "The value of \"" + key + "\" takes " + std::to_string(bytes) +
+                            " bytes; the event store keeps values of at most " +
+                            std::to_string(Memory::maxValueBytes));
+    }
+    auto found = data.find(key);
+    const std::size_t replaced = found == data.end() ? 0 : sizeOf(found->second) + key.size();
+    if (dataBytes - replaced + bytes > Memory::maxStoreBytes) {
+      throw ZR::ZRError(moduleName, method,
+                        "The event store is full (" + std::to_string(Memory::maxStoreBytes) +
+                            " bytes): \"" + key + "\" was not stored");
+    }
+    dataBytes = dataBytes - replaced + bytes;
+    if (found == data.end()) {
+      data.emplace(key, value);
+    } else {
+      found->second = value;
+    }
+  }
 
   std::shared_ptr<DeliveryQueue> queueFor(const std::string& module) {
     auto& queue = queues[module];
@@ -147,8 +191,8 @@ struct Memory::Impl {
 
   void runObservers(const std::shared_ptr<const ObserverList>& list, const std::string& key,
                     const ZR::ZRValue& value) {
+    if (!list) return;
     for (const auto& observer : *list) {
-      if (!observer.key.empty() && observer.key != key) continue;
       try {
         observer.fn(key, value);
       } catch (const std::exception& e) {
@@ -270,7 +314,7 @@ void Memory::raiseEvent(const std::string& key, const ZR::ZRValue& value) {
     std::lock_guard<std::mutex> lock(d.dataMutex);
     auto subscribers = d.subscriptions.find(key);
     if (subscribers == d.subscriptions.end() || subscribers->second.empty()) {
-      d.data[key] = value;
+      d.store(key, value, "raiseEvent");
       return;
     }
   }
@@ -279,7 +323,7 @@ void Memory::raiseEvent(const std::string& key, const ZR::ZRValue& value) {
   std::vector<std::pair<std::shared_ptr<DeliveryQueue>, Delivery>> deliveries;
   {
     std::lock_guard<std::mutex> lock(d.dataMutex);
-    d.data[key] = value;
+    d.store(key, value, "raiseEvent");
     auto subscribers = d.subscriptions.find(key);
     if (subscribers != d.subscriptions.end() && !d.closed) {
       for (const auto& entry : subscribers->second) {
@@ -290,18 +334,20 @@ void Memory::raiseEvent(const std::string& key, const ZR::ZRValue& value) {
   }
   for (auto& delivery : deliveries) d.enqueue(delivery.first, std::move(delivery.second));
 
-  std::shared_ptr<const ObserverList> observers;
+  std::shared_ptr<const ObserverList> ofKey, ofEveryKey;
   {
     std::lock_guard<std::mutex> lock(d.observersMutex);
-    observers = d.observers;
+    ofKey = d.observersOf(key);
+    ofEveryKey = d.observersOf(std::string());
   }
-  d.runObservers(observers, key, value);
+  d.runObservers(ofKey, key, value);
+  d.runObservers(ofEveryKey, key, value);
 }
 
 void Memory::insertData(const std::string& key, const ZR::ZRValue& value) {
   if (key.empty()) throw ZR::ZRError(moduleName, "insertData", "The data key is empty");
   std::lock_guard<std::mutex> lock(impl_->dataMutex);
-  impl_->data[key] = value;
+  impl_->store(key, value, "insertData");
 }
 
 ZR::ZRValue Memory::getData(const std::string& key) {
@@ -364,10 +410,12 @@ void Memory::unsubscribeToMicroEvent(const std::string& key, const std::string& 
 
 int Memory::observe(const std::string& key, Observer fn) {
   std::lock_guard<std::mutex> lock(impl_->observersMutex);
-  auto list = std::make_shared<ObserverList>(*impl_->observers);
+  std::shared_ptr<const ObserverList> current = impl_->observersOf(key);
+  auto list = current ? std::make_shared<ObserverList>(*current) : std::make_shared<ObserverList>();
   int id = impl_->nextObserverId++;
   list->push_back(ObserverEntry{id, key, std::move(fn)});
-  impl_->observers = std::move(list);
+  impl_->observers[key] = std::move(list);
+  impl_->observerKeys.emplace(id, key);
   impl_->observerCount.fetch_add(1, std::memory_order_release);
   return id;
 }
@@ -375,16 +423,19 @@ int Memory::observe(const std::string& key, Observer fn) {
 void Memory::unobserve(int id) {
   {
     std::lock_guard<std::mutex> lock(impl_->observersMutex);
-    auto list = std::make_shared<ObserverList>(*impl_->observers);
-    auto before = list->size();
-    for (auto it = list->begin(); it != list->end(); ++it) {
-      if (it->id == id) {
-        list->erase(it);
-        break;
-      }
+    auto keyOf = impl_->observerKeys.find(id);
+    if (keyOf == impl_->observerKeys.end()) return;
+    const std::string key = keyOf->second;
+    impl_->observerKeys.erase(keyOf);
+    auto list = std::make_shared<ObserverList>(*impl_->observersOf(key));
+    list->erase(std::remove_if(list->begin(), list->end(),
+                               [id](const ObserverEntry& entry) { return entry.id == id; }),
+                list->end());
+    if (list->empty()) {
+      impl_->observers.erase(key);
+    } else {
+      impl_->observers[key] = std::move(list);
     }
-    if (list->size() == before) return;
-    impl_->observers = std::move(list);
     impl_->observerCount.fetch_sub(1, std::memory_order_release);
   }
   // A raise on another thread may still be running the old snapshot: wait for it to finish.

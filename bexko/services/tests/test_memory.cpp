@@ -55,6 +55,55 @@ TEST_F(MemoryTest, StoresValuesAndRefusesBadKeys) {
   EXPECT_THROW(memory.subscribeToEvent("K", "Listener", "noSuchMethod"), ZR::ZRError);
 }
 
+TEST_F(MemoryTest, KeepsValuesWithinItsBoundsAndRefusesTheRest) {
+  using bexko::services::Memory;
+  const std::string big(Memory::maxValueBytes, 'x');
+  EXPECT_THROW(memory.insertData("Big/Value", ZRValue(big)), ZR::ZRError);
+  EXPECT_THROW(memory.raiseEvent("Big/Value", ZRValue(big)), ZR::ZRError);
+  EXPECT_THROW(memory.getData("Big/Value"), ZR::ZRError);  // nothing was stored
+
+  // Values just under the bound fill the store up to its total, and no further; replacing a
+  // value frees what it took.
+  const std::string chunk(Memory::maxValueBytes / 2, 'y');
+  int stored = 0;
+  try {
+    for (; stored < 1000; ++stored) memory.insertData("Chunk/" + std::to_string(stored), chunk);
+  } catch (const ZR::ZRError& e) {
+    EXPECT_NE(std::string(e.what()).find("The event store is full"), std::string::npos);
+  }
+  // 64 MiB hold 127 values of half a MiB (with their keys and a few bytes each).
+  EXPECT_EQ(stored, 127);
+  EXPECT_THROW(memory.raiseEvent("Chunk/more", ZRValue(chunk)), ZR::ZRError);
+  memory.insertData("Chunk/0", ZRValue(1));
+  memory.raiseEvent("Chunk/more", ZRValue(chunk));
+  EXPECT_EQ(ZRValue(chunk), memory.getData("Chunk/more"));
+}
+
+TEST_F(MemoryTest, ObserversOfManyKeysEachSeeTheirOwnKeyAndLeaveCleanly) {
+  auto& store = *host.services().memory;
+  std::vector<int> ids;
+  std::atomic<int> seen{0};
+  // Twenty thousand keys observed one by one: each observation copies only its key's list.
+  for (int i = 0; i < 20000; ++i) {
+    ids.push_back(store.observe("Many/" + std::to_string(i),
+                                [&seen, i](const std::string& key, const ZRValue& value) {
+                                  if (key == "Many/" + std::to_string(i) && value == ZRValue(i))
+                                    ++seen;
+                                }));
+  }
+  std::atomic<int> everyKey{0};
+  const int all =
+      store.observe("", [&everyKey](const std::string&, const ZRValue&) { ++everyKey; });
+  for (int i = 0; i < 20000; i += 1000) memory.raiseEvent("Many/" + std::to_string(i), ZRValue(i));
+  EXPECT_EQ(seen.load(), 20);
+  EXPECT_EQ(everyKey.load(), 20);
+  for (int id : ids) store.unobserve(id);
+  store.unobserve(all);
+  memory.raiseEvent("Many/0", ZRValue(0));
+  EXPECT_EQ(seen.load(), 20);
+  EXPECT_EQ(everyKey.load(), 20);
+}
+
 TEST_F(MemoryTest, CallbackGetsKeyValueAndMessageOfItsCurrentSubscription) {
   FakeModule& listener = addListener("Listener");
   listener.addMethod("onOther", 3);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <memory>
 #include <string>
@@ -27,7 +28,16 @@ struct GatewayOptions {
   std::size_t maxMessageBytes = 1024 * 1024;
   /// Largest amount of answers and notifications waiting for a slow client, in bytes; beyond
   /// it the client is disconnected (status 1008) rather than let the daemon's memory grow.
-  std::size_t maxQueuedBytes = 64 * 1024 * 1024;
+  std::size_t maxQueuedBytes = 8 * 1024 * 1024;
+  /// Open connections (TCP, WebSocket or not yet) in all, and from one address. A connection
+  /// beyond either is closed as soon as it is accepted, with a warning in the log, while the
+  /// connections already open are served as before.
+  std::size_t maxConnections = 256;
+  std::size_t maxConnectionsPerAddress = 128;
+  /// A WebSocket connection from which nothing arrives for this long is closed; it is pinged
+  /// at half that time, so a client that answers pings (every WebSocket library does) stays
+  /// connected while it has nothing to say. Zero: never closed for silence.
+  std::chrono::seconds idleTimeout{60};
   /// Per-connection limits of the JSON-RPC layer.
   RpcLimits limits;
   /// Threads that run the network side (calls themselves run on the broker's pool).

@@ -38,6 +38,8 @@ struct RpcLimits {
   std::size_t maxDepth = 64;
   /// Calls of one connection that may run at the same time (each holds a host thread).
   std::size_t maxCallsInFlight = 256;
+  /// Memory keys one connection may follow at once (bexko.subscribe).
+  std::size_t maxSubscriptions = 4096;
 };
 
 /// The JSON-RPC 2.0 side of one client connection, independent of the transport.

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <string>
@@ -23,15 +24,23 @@ class Memory : public ZR::ZRModule {
   /// Receives a raised key and its value, synchronously on the raising thread.
   using Observer = std::function<void(const std::string& key, const ZR::ZRValue& value)>;
 
+  /// Bounds of the store, so that no client can make the host hold what it likes: a value
+  /// (with its key) takes at most maxValueBytes, all values together at most maxStoreBytes
+  /// (text plus a few words per element). A raise or insert beyond either throws ZRError and
+  /// stores nothing.
+  static constexpr std::size_t maxValueBytes = 1024 * 1024;
+  static constexpr std::size_t maxStoreBytes = 64 * 1024 * 1024;
+
   explicit Memory(boost::shared_ptr<ZR::ZRBroker> broker);
   ~Memory() override;
 
   /// Declares `key` with an empty value; a key that already holds a value keeps it.
   void declareEvent(const std::string& key);
   /// Stores `value` under `key` (declaring it if needed) and notifies subscribers and observers.
-  /// Throws ZRError for an empty key.
+  /// Throws ZRError for an empty key and beyond the store's bounds.
   void raiseEvent(const std::string& key, const ZR::ZRValue& value);
-  /// Stores `value` under `key` without notifying anyone. Throws ZRError for an empty key.
+  /// Stores `value` under `key` without notifying anyone. Throws ZRError for an empty key and
+  /// beyond the store's bounds.
   void insertData(const std::string& key, const ZR::ZRValue& value);
   /// The value under `key`. Throws ZRError for a key never declared, raised or inserted.
   ZR::ZRValue getData(const std::string& key);
