@@ -1,6 +1,8 @@
 #include "espeakmarkup.h"
 
+#include <algorithm>
 #include <cstdlib>
+#include <iterator>
 
 #include "tags.h"
 #include "utf8.h"
@@ -35,6 +37,43 @@ bool separatesTokens(char32_t c) {
 }
 
 bool isSpace(char32_t c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == 0xA0; }
+
+// Characters that corrupt eSpeak NG 1.51's memory (the version Debian 12 ships). In a word of a
+// script whose letters eSpeak reads with another language's dictionary (Greek in most Latin
+// script voices, Bengali, Gurmukhi, Gujarati, Tamil, Kannada, Malayalam, Sinhala, Georgian,
+// Hangul Jamo), a character of that block that the other language cannot read (digits, signs,
+// unassigned code points, the archaic Jamo vowels and finals) makes eSpeak switch dictionaries
+// while it still reads the freed one: a heap use-after-free, found with "\u1186" and confirmed
+// for every range below by synthesising each code point alone under AddressSanitizer in every
+// voice that the backend serves, and by the engine input fuzz target (engine/fuzz). They are
+// not spoken properly in any case; each becomes a space, one character for one.
+struct CodePointRange {
+  char32_t first;
+  char32_t last;
+};
+constexpr CodePointRange kUnsafeForEspeak[] = {
+    {0x0380, 0x0385}, {0x0387, 0x0387}, {0x038B, 0x038B}, {0x038D, 0x038D}, {0x03A2, 0x03A2},
+    {0x03F6, 0x03F6}, {0x0970, 0x0970}, {0x09E4, 0x09EF}, {0x09F2, 0x09F3}, {0x09F7, 0x09F9},
+    {0x09FB, 0x09FB}, {0x09FD, 0x09FF}, {0x0A64, 0x0A6F}, {0x0A76, 0x0A77}, {0x0A7B, 0x0A7B},
+    {0x0A7E, 0x0A7F}, {0x0AE4, 0x0AF8}, {0x0AFD, 0x0AFF}, {0x0B80, 0x0B80}, {0x0B84, 0x0B84},
+    {0x0B8B, 0x0B8C}, {0x0B96, 0x0B98}, {0x0B9B, 0x0B9B}, {0x0B9D, 0x0B9D}, {0x0BA0, 0x0BA2},
+    {0x0BA6, 0x0BA7}, {0x0BAB, 0x0BAD}, {0x0BBA, 0x0BBC}, {0x0BC4, 0x0BC4}, {0x0BD3, 0x0BD4},
+    {0x0BDA, 0x0BEF}, {0x0BFB, 0x0BFF}, {0x0C80, 0x0C80}, {0x0C84, 0x0C84}, {0x0CC5, 0x0CC5},
+    {0x0CCE, 0x0CD2}, {0x0CE6, 0x0CEF}, {0x0CFD, 0x0D01}, {0x0D04, 0x0D04}, {0x0D0D, 0x0D0D},
+    {0x0D45, 0x0D45}, {0x0D49, 0x0D49}, {0x0D52, 0x0D52}, {0x0D55, 0x0D56}, {0x0D5B, 0x0D5B},
+    {0x0D5E, 0x0D5F}, {0x0D62, 0x0D62}, {0x0D66, 0x0D6F}, {0x0DC7, 0x0DC9}, {0x0DCB, 0x0DCD},
+    {0x0DD5, 0x0DD5}, {0x0DD7, 0x0DD7}, {0x0DE2, 0x0DF1}, {0x0DF5, 0x0DF9}, {0x0DFB, 0x0DFF},
+    {0x10C6, 0x10C6}, {0x10C8, 0x10CC}, {0x10CE, 0x10CF}, {0x10FB, 0x10FB}, {0x1180, 0x11A7},
+    {0x11C3, 0x11FF},
+};
+
+bool isUnsafeForEspeak(char32_t c) {
+  const auto* end = std::end(kUnsafeForEspeak);
+  const auto* range =
+      std::upper_bound(std::begin(kUnsafeForEspeak), end, c,
+                       [](char32_t v, const CodePointRange& r) { return v < r.first; });
+  return range != std::begin(kUnsafeForEspeak) && c <= (range - 1)->last;
+}
 
 struct Prosody {
   long rate = 100;
@@ -145,7 +184,9 @@ EspeakMarkup toEspeakMarkup(const std::string& sentence) {
         utf8 = "&amp;";
         break;
       default:
-        appendUtf8(utf8, cp);
+        // The sentence keeps the character (tagFree, tokens, the mark placement above); only
+        // eSpeak NG reads a space in its place.
+        appendUtf8(utf8, isUnsafeForEspeak(cp) ? U' ' : cp);
     }
     units.push_back(Unit{std::move(utf8), index++, false, cp, -1});
   }

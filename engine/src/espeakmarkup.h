@@ -18,7 +18,10 @@ namespace detail {
 ///   \vol=P\    volume P %                                | carries the three
 ///   \rst\      rate, pitch and volume back to 100 %
 ///   \style=X\  and any other tag: dropped (not spoken)
-/// '<', '>' and '&' of the text are escaped; each invalid UTF-8 byte becomes a space.
+/// '<', '>' and '&' of the text are escaped; each invalid UTF-8 byte becomes a space, and so
+/// does each character that eSpeak NG 1.51 cannot read without corrupting its memory (digits,
+/// signs and unassigned code points of some scripts it reads with another language's
+/// dictionary, archaic Hangul Jamo): `tagFree` and `tokens` keep such a character as it is.
 struct EspeakMarkup {
   /// A word as the speech service splits the tag-free sentence (on any of " .,;:!", an
   /// invalid byte being a character of its word): its first character and one past its last.
