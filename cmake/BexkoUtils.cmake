@@ -85,18 +85,19 @@ function(bexko_add_component_tests name dir)
   endif()
 endfunction()
 
-# bexko_add_fuzz_target(<name> SOURCES ... LIBRARIES ... CORPUS <dir>): a libFuzzer executable
-# (built only with BEXKO_FUZZ), checked by AddressSanitizer and UndefinedBehaviorSanitizer.
-# <dir> is its committed seed corpus; bin/fuzz-targets.txt lists every target with its corpus,
-# for scripts/fuzz.sh.
+# bexko_add_fuzz_target(<name> SOURCES ... LIBRARIES ... CORPUS <dir> [DICT <file>]): a libFuzzer
+# executable (built only with BEXKO_FUZZ), checked by AddressSanitizer and
+# UndefinedBehaviorSanitizer. <dir> is its committed seed corpus, <file> an optional libFuzzer
+# dictionary; bin/fuzz-targets.txt lists every target with its corpus and dictionary, for
+# scripts/fuzz.sh.
 function(bexko_add_fuzz_target name)
-  cmake_parse_arguments(ARG "" "CORPUS" "SOURCES;LIBRARIES" ${ARGN})
+  cmake_parse_arguments(ARG "" "CORPUS;DICT" "SOURCES;LIBRARIES" ${ARGN})
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE ${ARG_LIBRARIES})
   bexko_configure_target(${name})
   target_compile_options(${name} PRIVATE -fsanitize=fuzzer)
   target_link_options(${name} PRIVATE -fsanitize=fuzzer)
-  set_property(GLOBAL APPEND PROPERTY BEXKO_FUZZ_TARGETS "${name} ${ARG_CORPUS}")
+  set_property(GLOBAL APPEND PROPERTY BEXKO_FUZZ_TARGETS "${name} ${ARG_CORPUS} ${ARG_DICT}")
   get_property(targets GLOBAL PROPERTY BEXKO_FUZZ_TARGETS)
   list(JOIN targets "\n" lines)
   file(WRITE ${CMAKE_BINARY_DIR}/bin/fuzz-targets.txt "${lines}\n")

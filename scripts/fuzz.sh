@@ -33,6 +33,7 @@ export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1}
 failed=()
 for target in "${targets[@]}"; do
   seeds=$(awk -v t="$target" '$1 == t { print $2 }' "$list")
+  dict=$(awk -v t="$target" '$1 == t { print $3 }' "$list")
   if [ -z "$seeds" ]; then
     echo "fuzz: no target $target (see $list)" >&2
     exit 2
@@ -45,7 +46,7 @@ for target in "${targets[@]}"; do
   # a time, so that a run shares the machine politely.
   # shellcheck disable=SC2086
   if ! "$build/bin/$target" -max_total_time="$seconds" -timeout=30 -print_final_stats=1 \
-    -artifact_prefix="$findings/" ${BEXKO_FUZZ_FLAGS:-} "$corpus" "$seeds" \
+    -artifact_prefix="$findings/" ${dict:+-dict="$dict"} ${BEXKO_FUZZ_FLAGS:-} "$corpus" "$seeds" \
     >"$build/fuzz/$target.log" 2>&1; then
     failed+=("$target")
     echo "fuzz: $target FOUND A PROBLEM: see $build/fuzz/$target.log and $findings/" >&2
