@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 #include <pthread.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -23,6 +24,7 @@
 #include <ko/path.h>
 #include <zr/zrbroker.h>
 #include <zr/zrbrokermanager.h>
+#include "accesstoken.h"
 
 namespace {
 
@@ -106,6 +108,7 @@ int main(int argc, char** argv) {
   std::vector<std::string> libraries;
   std::string listen = "127.0.0.1:9559";
   std::string token;
+  bool noAuth = false;
   std::string logLevel;
   std::string logFile;
   bool noModules = false;
@@ -129,9 +132,14 @@ int main(int argc, char** argv) {
       ->capture_default_str();
   app.add_option("--token", token,
                  "Access token that every client must present (ws://HOST:PORT/?token=TOKEN or "
-                 "\"Authorization: Bearer TOKEN\"); also read from BEXKO_TOKEN. When set it is "
-                 "required on every address, loopback included")
+                 "\"Authorization: Bearer TOKEN\"); also read from BEXKO_TOKEN. Without it, "
+                 "bexko makes a random one at every start. Either way it is written to "
+                 "$XDG_RUNTIME_DIR/bexko/token (or /tmp/bexko-UID/token when that variable is "
+                 "unset; folder 0700, file 0600), where the clients of this account find it")
       ->envname("BEXKO_TOKEN");
+  app.add_flag("--no-auth", noAuth,
+               "Require no token (loopback only): any local account may then call every "
+               "method as the user running bexko. For a trusted machine");
   app.add_option(
          "--log-level", logLevel,
          "Log levels per category: comma-separated GLOB=LEVEL rules, the most specific "
@@ -245,6 +253,39 @@ int main(int argc, char** argv) {
     }
   }
 
+  // Access: a token on every connection, made here unless given, and left where this account's
+  // clients look for it.
+  if (noAuth && !token.empty()) {
+    std::cerr << "bexko: --no-auth and --token exclude each other\n";
+    broker->shutdown();
+    return 2;
+  }
+  const std::string tokenFolder = bexko::daemon::tokenFolder();
+  if (!noAuth) {
+    if (token.empty()) token = bexko::daemon::generateToken();
+    try {
+      bexko::daemon::writeTokenFile(tokenFolder, token);
+    } catch (const std::exception& e) {
+      KO_LOG(logCategory(), ko::log::fatal, "main")
+          << "cannot write the access token: " << e.what();
+      std::cerr << "bexko: cannot write the access token: " << e.what() << "\n";
+      broker->shutdown();
+      return 1;
+    }
+  }
+  struct TokenFileRemoval {
+    const std::string& folder;
+    const std::string& token;
+    ~TokenFileRemoval() {
+      if (!token.empty()) bexko::daemon::removeTokenFile(folder, token);
+    }
+  } tokenFileRemoval{tokenFolder, token};
+  if (geteuid() == 0) {
+    KO_LOG(logCategory(), ko::log::warning, "main")
+        << "running as root: whoever holds the access token can act as root through sayToFile "
+           "and the package manager";
+  }
+
   bexko::gateway::GatewayOptions options;
   options.address = address;
   options.port = port;
@@ -262,6 +303,14 @@ int main(int argc, char** argv) {
     std::cerr << "bexko: " << e.what() << "\n";
     broker->shutdown();
     return 1;
+  }
+  if (!token.empty()) {
+    KO_LOG(logCategory(), ko::log::info, "main")
+        << "clients of this account find the token in " << tokenFolder
+        << "/token; with it: " << gateway.url() << "/?token=" << token;
+  } else {
+    KO_LOG(logCategory(), ko::log::warning, "main")
+        << "--no-auth: every local account may call every method as this user";
   }
   std::cout << "listening on " << gateway.url() << std::endl;
 

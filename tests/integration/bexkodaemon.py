@@ -25,7 +25,7 @@ sys.path.insert(0, os.path.join(BUILD_DIR, "python"))
 class Daemon:
     # The daemon under test; `fast` selects the engine's fast mode (no real-time pacing).
 
-    def __init__(self, *args, fast=True):
+    def __init__(self, *args, fast=True, auth=False):
         self.root = tempfile.mkdtemp(prefix="bexko-it-")
         self.env = {k: v for k, v in os.environ.items() if not k.startswith("BEXKO_")}
         for name, sub in (("HOME", "home"), ("XDG_CONFIG_HOME", "config"),
@@ -40,7 +40,8 @@ class Daemon:
         self.env.pop("PULSE_SINK", None)
         if fast:
             self.env["BEXKO_ENGINE_FAST"] = "1"
-        self.args = ["--listen", "127.0.0.1:0"] + list(args)
+        # Tests other than those of access run without a token, as on a trusted machine.
+        self.args = ["--listen", "127.0.0.1:0"] + ([] if auth else ["--no-auth"]) + list(args)
         self.log_path = os.path.join(self.root, "bexko.log")
         self.process = self.url = None
 
@@ -79,6 +80,9 @@ class Daemon:
         self.stop()
         shutil.rmtree(self.root, ignore_errors=True)
 
+    def token_file(self):
+        return os.path.join(self.env["XDG_RUNTIME_DIR"], "bexko", "token")
+
     def call(self, *args, token=None):
         # Runs bexko-call against this daemon; returns the completed process.
         command = [sys.executable, BEXKO_CALL, "--url", self.url]
@@ -92,10 +96,11 @@ class DaemonTestCase(unittest.TestCase):
 
     DAEMON_ARGS = ()
     FAST = True
+    AUTH = False
 
     @classmethod
     def setUpClass(cls):
-        cls.daemon = Daemon(*cls.DAEMON_ARGS, fast=cls.FAST).start()
+        cls.daemon = Daemon(*cls.DAEMON_ARGS, fast=cls.FAST, auth=cls.AUTH).start()
 
     @classmethod
     def tearDownClass(cls):

@@ -8,12 +8,13 @@ import pathlib
 import signal
 import socket
 import subprocess
+import sys
 import time
 import unittest
 
 import websocket
 
-from bexkodaemon import BEXKO, Daemon, DaemonTestCase
+from bexkodaemon import BEXKO, BEXKO_CALL, Daemon, DaemonTestCase
 
 TOKEN = "integration-s3cret"
 OK, CALL_ERROR, USAGE, CONNECTION = 0, 1, 2, 3
@@ -52,7 +53,8 @@ class DaemonLifeCycle(unittest.TestCase):
             (("--log-level", "*=loudest", "--listen", "127.0.0.1:0"), 2, "loudest"),
             (("--listen", "127.0.0.1:0", "/nonexistent/libnothing.so"), 1,
              "cannot load /nonexistent/libnothing.so"),
-            (("--listen", "0.0.0.0:0", "--no-modules"), 1, "needs an access token"),
+            (("--listen", "0.0.0.0:0", "--no-modules", "--no-auth"), 1, "needs an access token"),
+            (("--listen", "127.0.0.1:0", "--no-auth", "--token", "x"), 2, "exclude each other"),
             (("--listen", busy.start().url[len("ws://"):], "--no-modules"), 1, "cannot listen"),
         ]
         for args, code, message in cases:
@@ -134,11 +136,18 @@ class BadInput(DaemonTestCase):
 
 class TokenProtected(DaemonTestCase):
     DAEMON_ARGS = ("--token", TOKEN)
+    AUTH = True
 
     def test_a_connection_without_the_token_is_refused(self):
-        refused = self.daemon.call("modules")
+        # An account other than the daemon's has neither the token nor its file.
+        env = dict(self.daemon.env, XDG_RUNTIME_DIR=os.path.join(self.daemon.root, "elsewhere"))
+        refused = subprocess.run([sys.executable, BEXKO_CALL, "--url", self.daemon.url, "modules"],
+                                 capture_output=True, text=True, env=env, timeout=60)
         self.assertEqual(refused.returncode, CONNECTION, refused.stderr)
         self.assertIn("401", refused.stderr)
+        # The token given is the one left for this account's clients.
+        with open(self.daemon.token_file()) as f:
+            self.assertEqual(f.read().strip(), TOKEN)
 
     def test_bexko_call_prints_results_and_exits_with_a_code_scripts_can_use(self):
         cases = [  # stdout is matched when the call succeeds, stderr otherwise

@@ -60,13 +60,35 @@ def default_url():
     return os.environ.get("BEXKO_URL") or DEFAULT_URL
 
 
+def token_path():
+    """Where a host started by this account leaves its access token:
+    $XDG_RUNTIME_DIR/bexko/token, or /tmp/bexko-UID/token when that variable is unset."""
+    runtime = os.environ.get("XDG_RUNTIME_DIR", "")
+    folder = os.path.join(runtime, "bexko") if runtime.startswith("/") else \
+        "/tmp/bexko-%d" % os.geteuid()
+    return os.path.join(folder, "token")
+
+
+def default_token():
+    """$BEXKO_TOKEN, else the token that the host of this account left in token_path(), else
+    None."""
+    token = os.environ.get("BEXKO_TOKEN")
+    if token:
+        return token
+    try:
+        with open(token_path(), encoding="ascii") as f:
+            return f.read().strip() or None
+    except OSError:
+        return None
+
+
 class Client:
-    """A connection to the host at `url` (default: default_url()). `token` (default
-    $BEXKO_TOKEN) is presented when the host requires one."""
+    """A connection to the host at `url` (default: default_url()). `token` (default:
+    default_token()) is presented when the host requires one."""
 
     def __init__(self, url=None, token=None, connect_timeout=5.0):
         self.url = url or default_url()
-        token = token if token is not None else os.environ.get("BEXKO_TOKEN")
+        token = token if token is not None else default_token()
         headers = ["Authorization: Bearer " + token] if token else []
         try:
             self._ws = websocket.create_connection(self.url, timeout=connect_timeout,
