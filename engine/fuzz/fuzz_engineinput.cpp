@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <limits>
 #include <memory>
 #include <string>
 #include <vector>
@@ -16,6 +17,7 @@
 #include <zr/tts/textutils.h>
 
 #include "fuzzsupport.h"
+#include "utf8.h"
 
 namespace {
 
@@ -72,7 +74,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   // The service hands the engine C strings.
   std::string sentence(reinterpret_cast<const char*>(data + 1), size - 1);
   sentence = sentence.substr(0, sentence.find('\0'));
-  checks.characters = ZR::countUtf8Chars(ZR::replaceTags(sentence, "").c_str());
+  // The service refuses a sentence that is not valid UTF-8 (testTextEncoding), and only then
+  // do its character counts and the engine's agree: word events are checked on valid ones.
+  checks.characters = bexko::engine::detail::isValidUtf8(sentence)
+                          ? ZR::countUtf8Chars(ZR::replaceTags(sentence, "").c_str())
+                          : std::numeric_limits<int>::max();
   backend->setCurrentLanguage(checks.language);
   try {
     backend->startSynthetizer(sentence, checks);

@@ -67,6 +67,28 @@ constexpr CodePointRange kUnsafeForEspeak[] = {
     {0x11C3, 0x11FF},
 };
 
+// The blocks whose words eSpeak NG reads with another language's dictionary. A word that mixes
+// one of them with another script makes 1.51 switch dictionaries inside the word and read the
+// freed one ("\u0581e" in the French or Japanese voice): such a word reaches it as two.
+constexpr CodePointRange kForeignDictionaryScripts[] = {
+    {0x0370, 0x03FF},                                                        // Greek
+    {0x0530, 0x058F},                                                        // Armenian
+    {0x0900, 0x097F}, {0x0980, 0x09FF}, {0x0A00, 0x0A7F}, {0x0A80, 0x0AFF},  // Indic scripts
+    {0x0B00, 0x0B7F}, {0x0B80, 0x0BFF}, {0x0C00, 0x0C7F}, {0x0C80, 0x0CFF},
+    {0x0D00, 0x0D7F}, {0x0D80, 0x0DFF}, {0x10A0, 0x10FF},  // Georgian
+    {0x1100, 0x11FF},                                      // Hangul Jamo
+};
+
+// The block of kForeignDictionaryScripts that holds `c`, or -1.
+int foreignDictionaryScript(char32_t c) {
+  for (std::size_t i = 0; i < std::size(kForeignDictionaryScripts); ++i) {
+    if (c >= kForeignDictionaryScripts[i].first && c <= kForeignDictionaryScripts[i].last) {
+      return static_cast<int>(i);
+    }
+  }
+  return -1;
+}
+
 bool isUnsafeForEspeak(char32_t c) {
   const auto* end = std::end(kUnsafeForEspeak);
   const auto* range =
@@ -171,6 +193,18 @@ EspeakMarkup toEspeakMarkup(const std::string& sentence) {
       }
     }
     if (!valid || cp == 0) cp = ' ';
+    // A space between the scripts of a word that mixes one read with another dictionary
+    // (markup: it stands for the character after it, so no position moves).
+    if (!isSpace(cp) && !separatesTokens(cp)) {
+      for (auto it = units.rbegin(); it != units.rend(); ++it) {
+        if (it->isMarkup) continue;
+        if (!isSpace(it->codePoint) && !separatesTokens(it->codePoint) &&
+            foreignDictionaryScript(it->codePoint) != foreignDictionaryScript(cp)) {
+          addMarkup(" ");
+        }
+        break;
+      }
+    }
     result.tagFree.push_back(cp);
     std::string utf8;
     switch (cp) {

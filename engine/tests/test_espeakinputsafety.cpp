@@ -89,6 +89,10 @@ TEST_P(EspeakInputSafety, SpeaksTheCharactersThatCorruptTheLibrarysMemory) {
       "\u0BE6 \u0CE6 \u0D66 \u0DE6 \u0970",        // Tamil, Kannada, Malayalam, Sinhala digits
       "\u0384\u0391 \u0387 \u03F6 \u10FB \u10C7",  // Greek and Georgian signs
       "\\mrk=1\\\u1186\\pau=10\\ \u1186.\\mrk=2\\ ok",
+      // Found by the engine input fuzz target: an Armenian letter before a Latin one.
+      "\u0588e",
+      "\u0581e \u0531\u0532x1 e\u0581",
+      "\u0581\\mrk=4\\e",
   };
   for (const std::string& text : cases) speaks(text);
 }
@@ -108,11 +112,14 @@ INSTANTIATE_TEST_SUITE_P(ServedLanguages, EspeakInputSafety, ValuesIn(kServedLoc
 TEST(EspeakMarkupSafety, AReplacedCharacterKeepsItsPlace) {
   const struct {
     std::string text;
-    std::string ordinary;  // the same sentence with a plain letter in place of each
+    // The same sentence with a letter of the same script in place of each.
+    std::string ordinary;
   } cases[] = {
-      {"ab\u1186cd ef", "abxcd ef"},
-      {"\u1186 \\mrk=3\\go.\\pau=20\\ \u11A7\u09E6!", "x \\mrk=3\\go.\\pau=20\\ xx!"},
-      {"Tom & \u0BE6 <3", "Tom & x <3"},
+      {"ab\u1186cd ef", "ab\u1100cd ef"},
+      {"\u1186 \\mrk=3\\go.\\pau=20\\ \u11A7\u09E6!",
+       "\u1100 \\mrk=3\\go.\\pau=20\\ \u1100\u0995!"},
+      {"Tom & \u0BE6 <3", "Tom & \u0B95 <3"},
+      {"\u0581e \u0BE6x", "\u0581e \u0B95x"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.text);
