@@ -90,6 +90,12 @@ int foreignDictionaryScript(char32_t c) {
 }
 
 bool isUnsafeForEspeak(char32_t c) {
+  // Control characters other than tabs and line breaks (which the speech service refuses, but
+  // the engine's own callers may not): in the Korean voice a few of them leave eSpeak NG 1.51's
+  // memory corrupted, and a later sentence reads past the end of its heap.
+  if ((c < 0x20 && c != '\t' && c != '\n' && c != '\r') || (c >= 0x7F && c <= 0x9F)) {
+    return true;
+  }
   const auto* end = std::end(kUnsafeForEspeak);
   const auto* range =
       std::upper_bound(std::begin(kUnsafeForEspeak), end, c,

@@ -21,7 +21,8 @@ namespace detail {
 /// '<', '>' and '&' of the text are escaped; each invalid UTF-8 byte becomes a space, and so
 /// does each character that eSpeak NG 1.51 cannot read without corrupting its memory (digits,
 /// signs and unassigned code points of some scripts it reads with another language's
-/// dictionary, archaic Hangul Jamo): `tagFree` and `tokens` keep such a character as it is.
+/// dictionary, archaic Hangul Jamo, control characters other than tabs and line breaks):
+/// `tagFree` and `tokens` keep such a character as it is.
 /// A word that mixes one of those scripts with another reaches eSpeak NG split in two by a
 /// space, which is markup (it stands for the character after it).
 struct EspeakMarkup {

@@ -95,6 +95,11 @@ TEST_P(EspeakInputSafety, SpeaksTheCharactersThatCorruptTheLibrarysMemory) {
       "\u0588e",
       "\u0581e \u0531\u0532x1 e\u0581",
       "\u0581\\mrk=4\\e",
+      // Found by the engine input fuzz target: control characters that corrupt the library's
+      // memory in the Korean voice (a later sentence crashed).
+      "\x1d\x14\x1dj;g\x13j;g\x13sta",
+      "Tom & Jerry <\x01"
+      "B \u0080\u009f\x7f ok",
   };
   for (const std::string& text : cases) speaks(text);
 }
