@@ -1,6 +1,7 @@
 #include "espeakmarkup.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cstdlib>
 #include <iterator>
 
@@ -199,15 +200,19 @@ EspeakMarkup toEspeakMarkup(const std::string& sentence) {
       }
     }
     if (!valid || cp == 0) cp = ' ';
-    // A space between the scripts of a word that mixes one read with another dictionary
-    // (markup: it stands for the character after it, so no position moves).
+    // A space between the scripts of a word that mixes one read with another dictionary, and
+    // between ASCII punctuation and a symbol right after it (";\U0001F3D4" made the Korean
+    // voice of 1.51 read freed memory). Markup: it stands for the character after it, so no
+    // position moves.
     if (!isSpace(cp) && !separatesTokens(cp)) {
       for (auto it = units.rbegin(); it != units.rend(); ++it) {
         if (it->isMarkup) continue;
-        if (!isSpace(it->codePoint) && !separatesTokens(it->codePoint) &&
-            foreignDictionaryScript(it->codePoint) != foreignDictionaryScript(cp)) {
-          addMarkup(" ");
-        }
+        const char32_t previous = it->codePoint;
+        const bool mixesScripts = !isSpace(previous) && !separatesTokens(previous) &&
+                                  foreignDictionaryScript(previous) != foreignDictionaryScript(cp);
+        const bool symbolAfterPunctuation =
+            previous < 0x80 && std::ispunct(static_cast<int>(previous)) && cp >= 0x2000;
+        if (mixesScripts || symbolAfterPunctuation) addMarkup(" ");
         break;
       }
     }

@@ -23,8 +23,9 @@ namespace detail {
 /// signs and unassigned code points of some scripts it reads with another language's
 /// dictionary, archaic Hangul Jamo, control characters other than tabs and line breaks):
 /// `tagFree` and `tokens` keep such a character as it is.
-/// A word that mixes one of those scripts with another reaches eSpeak NG split in two by a
-/// space, which is markup (it stands for the character after it).
+/// A word that mixes one of those scripts with another, and ASCII punctuation followed by a
+/// symbol, reach eSpeak NG split by a space, which is markup (it stands for the character after
+/// it).
 struct EspeakMarkup {
   /// A word as the speech service splits the tag-free sentence (on any of " .,;:!", an
   /// invalid byte being a character of its word): its first character and one past its last.
