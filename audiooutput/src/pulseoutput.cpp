@@ -99,7 +99,7 @@ struct PulseOutput::Impl {
   }
 
   const PulseOutputOptions options;
-  pa_sample_spec spec{};
+  pa_sample_spec sampleSpec{};
   std::size_t bytesPerFrame = 0;
 
   pa_threaded_mainloop* mainloop = nullptr;
@@ -120,24 +120,24 @@ struct PulseOutput::Impl {
 
 void PulseOutput::Impl::open() {
   const ko::AudioSampleInfo& info = options.sampleInfo;
-  spec.format = pulseFormat(info.format);
-  spec.rate = static_cast<std::uint32_t>(std::max(info.sampleRate, 0));
-  spec.channels = static_cast<std::uint8_t>(std::clamp(info.channels, 0, 255));
-  if (!pa_sample_spec_valid(&spec) || info.channels > static_cast<int>(PA_CHANNELS_MAX)) {
+  sampleSpec.format = pulseFormat(info.format);
+  sampleSpec.rate = static_cast<std::uint32_t>(std::max(info.sampleRate, 0));
+  sampleSpec.channels = static_cast<std::uint8_t>(std::clamp(info.channels, 0, 255));
+  if (!pa_sample_spec_valid(&sampleSpec) || info.channels > static_cast<int>(PA_CHANNELS_MAX)) {
     throw ZR::ZRError("AudioOutput", "open",
                       "the sound server takes no stream of " + std::to_string(info.sampleRate) +
                           " Hz and " + std::to_string(info.channels) + " channels");
   }
-  bytesPerFrame = pa_frame_size(&spec);
+  bytesPerFrame = pa_frame_size(&sampleSpec);
   pa_channel_map map{};
   if (static_cast<int>(info.channelPositions.size()) == info.channels) {
-    map.channels = spec.channels;
+    map.channels = sampleSpec.channels;
     for (int i = 0; i < info.channels; ++i) map.map[i] = pulsePosition(info.channelPositions[i]);
   }
   if (static_cast<int>(info.channelPositions.size()) != info.channels ||
       !pa_channel_map_valid(&map)) {
     // Positions that do not describe the channels: the server's usual layout for their count.
-    pa_channel_map_init_extend(&map, spec.channels, PA_CHANNEL_MAP_DEFAULT);
+    pa_channel_map_init_extend(&map, sampleSpec.channels, PA_CHANNEL_MAP_DEFAULT);
   }
 
   mainloop = pa_threaded_mainloop_new();
@@ -198,7 +198,7 @@ void PulseOutput::Impl::open() {
 
   pa_proplist* properties = pa_proplist_new();
   pa_proplist_sets(properties, PA_PROP_MEDIA_NAME, "speech");
-  stream = pa_stream_new_with_proplist(context, "speech", &spec, &map, properties);
+  stream = pa_stream_new_with_proplist(context, "speech", &sampleSpec, &map, properties);
   pa_proplist_free(properties);
   if (!stream) {
     throw ZR::ZRError("AudioOutput", "open", "the sound server refuses the stream: " + failure());
@@ -212,7 +212,7 @@ void PulseOutput::Impl::open() {
   attributes.maxlength = static_cast<std::uint32_t>(-1);
   attributes.tlength = static_cast<std::uint32_t>(pa_usec_to_bytes(
       static_cast<pa_usec_t>(std::max<std::int64_t>(options.targetLatency.count(), 1)) * 1000,
-      &spec));
+      &sampleSpec));
   // The default start threshold (the whole target) keeps the stream from starting on a
   // trickle after an underrun; a drain starts it whatever is queued.
   attributes.prebuf = static_cast<std::uint32_t>(-1);
@@ -247,9 +247,9 @@ void PulseOutput::Impl::open() {
       << "playing on "
       << (pa_stream_get_device_name(stream) ? pa_stream_get_device_name(stream)
                                             : "the default sink")
-      << " of the sound server " << pa_context_get_server(context) << ", " << spec.rate << " Hz, "
-      << int(spec.channels) << " channels, "
-      << (granted ? pa_bytes_to_usec(granted->tlength, &spec) / 1000 : 0) << " ms buffered";
+      << " of the sound server " << pa_context_get_server(context) << ", " << sampleSpec.rate
+      << " Hz, " << int(sampleSpec.channels) << " channels, "
+      << (granted ? pa_bytes_to_usec(granted->tlength, &sampleSpec) / 1000 : 0) << " ms buffered";
 }
 
 void PulseOutput::Impl::close() {
@@ -305,7 +305,7 @@ std::uint64_t PulseOutput::Impl::playedLocked() const {
   if (stream && pa_stream_get_state(stream) == PA_STREAM_READY &&
       pa_stream_get_time(stream, &time) == 0) {
     const std::int64_t position =
-        static_cast<std::int64_t>(pa_usec_to_bytes(time, &spec)) - serverOffset;
+        static_cast<std::int64_t>(pa_usec_to_bytes(time, &sampleSpec)) - serverOffset;
     if (position > static_cast<std::int64_t>(played)) {
       played = std::min(static_cast<std::uint64_t>(position), written);
     }
