@@ -388,7 +388,6 @@ std::string EspeakBackend::voiceIdentifier(const std::string& voice) const {
 
 void EspeakBackend::startSynthetizer(const std::string& text,
                                      TextToSpeechEngineCallbackInterface& callback) {
-  const detail::EspeakMarkup markup = detail::toEspeakMarkup(text);
   std::string identifier;
   std::string voiceName;
   int rate;
@@ -420,6 +419,8 @@ void EspeakBackend::startSynthetizer(const std::string& text,
       impl.stopRequested = false;
     }
   } finish{*impl_};
+  // Made for the voice: what eSpeak NG can read safely depends on its language.
+  const detail::EspeakMarkup markup = detail::toEspeakMarkup(text, voiceName);
 
   Run run(*impl_, callback, markup);
   // With a host audio output, the output's bounded buffer paces the sentence.

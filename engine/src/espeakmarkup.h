@@ -60,7 +60,11 @@ struct EspeakMarkup {
   bool startsWord(int index) const;
 };
 
-EspeakMarkup toEspeakMarkup(const std::string& sentence);
+/// The markup of `sentence` for a voice whose eSpeak NG language code is `voiceCode` ("en-us",
+/// "el", "ko"; empty when unknown). The letters of the scripts that eSpeak NG reads with another
+/// language's dictionary reach it as spaces unless the voice is of that language (see
+/// kForeignDictionaryScripts in the source); the sentence, its words and positions keep them.
+EspeakMarkup toEspeakMarkup(const std::string& sentence, const std::string& voiceCode = {});
 
 }  // namespace detail
 }  // namespace engine

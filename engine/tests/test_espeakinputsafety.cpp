@@ -104,6 +104,9 @@ TEST_P(EspeakInputSafety, SpeaksTheCharactersThatCorruptTheLibrarysMemory) {
       // the Korean voice mishandles.
       ";\U0001F3D4",
       "\u0370\u03F5",
+      // Found by the engine input fuzz target: two Armenian letters in the Polish voice.
+      "\u0546\u0546, sssssss, ssssssss",
+      "\u0546\u0546 \u0531\u0561\u0562 \u10D0\u10D1 \u0915\u0916 \u03B1\u03B2 \u1100\u1161",
       "\u03D0\u03F5\u03FF\u0370 \u0391\u03CE",
       "Hi,\U0001F600 (\u2605) \"\u2192\" [\u20AC] -\U0001F3FE! ok?\u2600",
   };
