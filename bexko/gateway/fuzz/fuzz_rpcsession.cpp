@@ -17,6 +17,7 @@
 #include <zr/zrbroker.h>
 #include <zr/zrbrokermanager.h>
 
+#include "fuzzhost.h"
 #include "fuzzsupport.h"
 
 namespace {
@@ -34,11 +35,7 @@ void checkFrame(const std::string& text) {
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   bexko::fuzz::prepareFuzzing();
-  boost::shared_ptr<ZR::ZRBrokerManager> manager(new ZR::ZRBrokerManager());
-  ZR::ZRBrokerManager::setInstance(manager);
-  broker = ZR::ZRBroker::create("bexko", manager);
-  manager->addBroker(broker);
-  bexko::services::createBuiltinServices(broker);
+  broker = bexko::fuzz::startFuzzHost().broker;
   return 0;
 }
 

@@ -18,6 +18,7 @@
 #include <zr/zrbrokermanager.h>
 #include <zr/zrerror.h>
 
+#include "fuzzhost.h"
 #include "fuzzsupport.h"
 
 namespace {
@@ -34,11 +35,7 @@ void fail(const std::string& what) {
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   bexko::fuzz::prepareFuzzing();
-  boost::shared_ptr<ZR::ZRBrokerManager> manager(new ZR::ZRBrokerManager());
-  ZR::ZRBrokerManager::setInstance(manager);
-  boost::shared_ptr<ZR::ZRBroker> broker = ZR::ZRBroker::create("bexko", manager);
-  manager->addBroker(broker);
-  packageManager = bexko::services::createBuiltinServices(broker).packageManager;
+  packageManager = bexko::fuzz::startFuzzHost().services.packageManager;
   packageFolder = bexko::services::PackageManager::userPackagesPath() + "/fuzzed";
   boost::filesystem::create_directories(packageFolder);
   return 0;
