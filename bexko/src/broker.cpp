@@ -109,6 +109,8 @@ struct ZRBroker::Impl {
       outcome.ok = true;
     } catch (const ZRError& e) {
       outcome.error = e;
+    } catch (const ko::CallCancelled& e) {
+      outcome.error = ZRError(moduleName, method, e.what());
     } catch (const std::exception& e) {
       outcome.otherError = e.what();
     } catch (...) {
@@ -254,13 +256,21 @@ bool ZRBroker::submitPrompt(std::function<void()> fn) {
 }
 
 void ZRBroker::callAsync(const std::string& module, const std::string& method,
-                         std::vector<ZRValue> args, ZRCallCallback done) {
+                         std::vector<ZRValue> args, ZRCallCallback done,
+                         ko::CallCancellationPtr cancellation) {
   boost::weak_ptr<ZRBroker> weak = shared_from_this();
   const std::uint64_t arrival = bexko::detail::stampArrival();
-  auto task = [weak, module, method, args = std::move(args), done, arrival] {
+  auto task = [weak, module, method, args = std::move(args), done, arrival, cancellation] {
     boost::shared_ptr<ZRBroker> self = weak.lock();
-    ZRCallOutcome outcome = self ? self->impl_->runCall(module, method, args, 0, arrival)
-                                 : brokerGone(module, method, 0);
+    ZRCallOutcome outcome;
+    if (!self) {
+      outcome = brokerGone(module, method, 0);
+    } else if (cancellation && cancellation->cancelled()) {
+      outcome.error = ZRError(module, method, ko::CallCancelled().what());
+    } else {
+      bexko::detail::CancellationScope scope(cancellation.get());
+      outcome = self->impl_->runCall(module, method, args, 0, arrival);
+    }
     deliver(done, outcome, "callAsync");
   };
   if (!impl_->submit(module, method, task)) {

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <vector>
 
+#include <ko/cancellation.h>
 #include <ko/fairmutex.h>
 
 namespace bexko {
@@ -14,6 +15,7 @@ thread_local std::vector<CallFrame> callStack;
 thread_local int pendingPostedId = 0;
 thread_local int continuedPostedId = 0;
 thread_local std::uint64_t currentArrival = 0;
+thread_local ko::CallCancellation* currentCancellation = nullptr;
 std::atomic<std::uint64_t> nextArrival{1};
 
 }  // namespace
@@ -25,6 +27,13 @@ ArrivalScope::ArrivalScope(std::uint64_t arrival) : previous(currentArrival) {
 }
 
 ArrivalScope::~ArrivalScope() { currentArrival = previous; }
+
+CancellationScope::CancellationScope(ko::CallCancellation* cancellation)
+    : previous(currentCancellation) {
+  currentCancellation = cancellation;
+}
+
+CancellationScope::~CancellationScope() { currentCancellation = previous; }
 
 CallFrameGuard::CallFrameGuard(const ZR::ZRModuleCore* module, bool posted, int id) {
   callStack.push_back(CallFrame{module, posted, id});
@@ -66,5 +75,7 @@ std::uint64_t arrivalTicket() {
   const std::uint64_t current = bexko::detail::currentArrival;
   return current ? current : bexko::detail::stampArrival();
 }
+
+CallCancellation* currentCallCancellation() { return bexko::detail::currentCancellation; }
 
 }  // namespace ko

@@ -4,6 +4,10 @@
 
 #include <zr/export.h>
 
+namespace ko {
+class CallCancellation;
+}
+
 namespace ZR {
 class ZRModuleCore;
 }
@@ -60,6 +64,19 @@ class ArrivalScope {
 
  private:
   std::uint64_t previous;
+};
+
+/// Makes `cancellation` (may be null) the cancellation of the call served on this thread for
+/// its lifetime (see ko::currentCallCancellation).
+class CancellationScope {
+ public:
+  explicit CancellationScope(ko::CallCancellation* cancellation);
+  ~CancellationScope();
+  CancellationScope(const CancellationScope&) = delete;
+  CancellationScope& operator=(const CancellationScope&) = delete;
+
+ private:
+  ko::CallCancellation* previous;
 };
 
 /// Posted-call ids run from firstPostedId to lastPostedId and then wrap back to firstPostedId.

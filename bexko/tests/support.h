@@ -102,6 +102,13 @@ class Recorder {
   void add(const T& item) {
     std::lock_guard<std::mutex> lock(mutex_);
     seen_.push_back(item);
+    added_.notify_all();
+  }
+  /// Waits until at least `count` items have arrived; false after `msecs`.
+  bool waitForCount(std::size_t count, int msecs) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return added_.wait_for(lock, std::chrono::milliseconds(msecs),
+                           [&] { return seen_.size() >= count; });
   }
   std::vector<T> seen() {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -114,6 +121,7 @@ class Recorder {
 
  private:
   std::mutex mutex_;
+  std::condition_variable added_;
   std::vector<T> seen_;
 };
 

@@ -1,7 +1,10 @@
 # The host keeps serving whatever one client does: calls that wait for the speech service hold
 # back neither other clients' reads and stops nor the order in which sentences are spoken.
 
+import json
 import time
+
+import websocket
 
 from bexkodaemon import DaemonTestCase, Recorder
 
@@ -54,6 +57,28 @@ class ServingWhileSaysWait(DaemonTestCase):
         self.assertTrue(events.wait_for(
             lambda items: sum(1 for _, v in items if v[1] in ("done", "stopped")) >= 300, 60))
         self.assertIsNone(bystander.call("ZRTextToSpeech", "say", "Still serving.", timeout=30))
+
+    def test_direct_says_of_a_client_that_leaves_are_dropped_unspoken(self):
+        bystander, events = self.client(), Recorder()
+        bystander.subscribe(STATUS, events)
+        bystander.call("ZRTextToSpeech", "_pause")
+        # A client sends direct says without waiting for their answers, then goes away: the
+        # first holds the paused service, the others wait behind it or have not started.
+        leaver = websocket.create_connection(self.daemon.url, timeout=5)
+        for n in range(400):
+            leaver.send(json.dumps({"jsonrpc": "2.0", "id": n, "method": "ZRTextToSpeech.say",
+                                    "params": ["Abandoned %d." % n]}))
+        self.assertTrue(events.wait_for(lambda items: any(v[1] == "started" for _, v in items)))
+        time.sleep(0.5)
+        leaver.close()
+        time.sleep(0.5)
+        bystander.call("ZRTextToSpeech", "_resume", timeout=5)
+        self.assertIsNone(bystander.call("ZRTextToSpeech", "say", "Still serving.", timeout=30))
+        # Only the say that had the service when its client left was spoken; the log says why
+        # the rest were not.
+        started = [v for _, v in events.items if v[1] == "started"]
+        self.assertEqual(len(started), 2, started)
+        self.assertIn("its direct calls that have not started are dropped", self.daemon.log())
 
 
 if __name__ == "__main__":

@@ -68,6 +68,12 @@ void RpcSession::close() {
     open_ = false;
     sender_ = nullptr;
   }
+  if (const std::size_t left = callsInFlight_.load()) {
+    KO_LOG(logCategory(), ko::log::info, "close")
+        << "A connection closed with " << left
+        << " calls in progress; its direct calls that have not started are dropped";
+  }
+  callerGone_->cancel();
   std::map<std::string, int> observers;
   std::map<std::pair<std::string, std::string>, SignalConnection> signals;
   {
@@ -244,17 +250,19 @@ void RpcSession::callModule(const Request& request, const std::string& module,
   }
   if (!reserveCall(request)) return;
   std::weak_ptr<RpcSession> weak = shared_from_this();
-  broker_->callAsync(module, method, std::move(args),
-                     [weak, request](const ZR::ZRCallOutcome& outcome) {
-                       auto self = weak.lock();
-                       if (!self) return;
-                       self->callsInFlight_.fetch_sub(1);
-                       if (outcome.ok) {
-                         self->reply(request, toJson(outcome.value));
-                       } else {
-                         self->failWithOutcome(request, outcome);
-                       }
-                     });
+  broker_->callAsync(
+      module, method, std::move(args),
+      [weak, request](const ZR::ZRCallOutcome& outcome) {
+        auto self = weak.lock();
+        if (!self) return;
+        self->callsInFlight_.fetch_sub(1);
+        if (outcome.ok) {
+          self->reply(request, toJson(outcome.value));
+        } else {
+          self->failWithOutcome(request, outcome);
+        }
+      },
+      callerGone_);
 }
 
 void RpcSession::post(const Request& request) {

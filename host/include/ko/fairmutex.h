@@ -5,6 +5,7 @@
 #include <map>
 #include <mutex>
 
+#include <ko/cancellation.h>
 #include <zr/export.h>
 
 namespace ko {
@@ -23,6 +24,10 @@ BEXKO_API std::uint64_t arrivalTicket();
 ///
 /// A thread that finds the mutex free and nobody waiting takes it at once, even if a call that
 /// reached the host earlier has not got as far yet.
+///
+/// A waiter whose caller goes away (ko::currentCallCancellation) leaves the line and lock()
+/// throws ko::CallCancelled, so that a client that closed its connection leaves no call
+/// behind waiting for a turn nobody wants. Those who were behind it keep their order.
 class FairMutex {
  public:
   FairMutex() = default;
@@ -30,15 +35,33 @@ class FairMutex {
   FairMutex& operator=(const FairMutex&) = delete;
 
   void lock() {
+    {
+      std::lock_guard<std::mutex> guard(state);
+      if (!held && waiters.empty()) {
+        held = true;
+        return;
+      }
+    }
+    Waiter self;
+    // Registered before `state` is taken: a cancellation takes its own lock and then `state`.
+    CallCancellation::Registration leaving(currentCallCancellation(), [this, &self] {
+      std::lock_guard<std::mutex> guard(state);
+      self.cancelled = true;
+      self.wake.notify_one();
+    });
     std::unique_lock<std::mutex> guard(state);
     if (!held && waiters.empty()) {
       held = true;
       return;
     }
-    Waiter self;
-    waiters.emplace(arrivalTicket(), &self);
-    self.wake.wait(guard, [&self] { return self.granted; });
-    // unlock() erased this waiter and left `held` set for it.
+    if (self.cancelled) throw CallCancelled();
+    auto place = waiters.emplace(arrivalTicket(), &self);
+    self.wake.wait(guard, [&self] { return self.granted || self.cancelled; });
+    // unlock() erased a granted waiter and left `held` set for it; one that was cancelled first
+    // leaves the line on its own.
+    if (self.granted) return;
+    waiters.erase(place);
+    throw CallCancelled();
   }
 
   bool try_lock() {
@@ -71,6 +94,7 @@ class FairMutex {
   struct Waiter {
     std::condition_variable wake;
     bool granted = false;
+    bool cancelled = false;
   };
 
   mutable std::mutex state;

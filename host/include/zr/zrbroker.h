@@ -10,6 +10,7 @@
 #include <boost/shared_ptr.hpp>
 #include <boost/weak_ptr.hpp>
 
+#include <ko/cancellation.h>
 #include <ko/eventloop.h>
 #include <ko/future.h>
 #include <ko/object.h>
@@ -87,8 +88,10 @@ class BEXKO_API ZRBroker : public boost::enable_shared_from_this<ZRBroker> {
   ZRValue call(const std::string& module, const std::string& method,
                const std::vector<ZRValue>& args);
   /// Runs a call on a host thread (not a posted call); `done` receives the outcome there.
+  /// Once `cancellation` (optional) is cancelled the call is not started any more, and its
+  /// waits on a ko::FairMutex end with ko::CallCancelled; `done` still receives the outcome.
   void callAsync(const std::string& module, const std::string& method, std::vector<ZRValue> args,
-                 ZRCallCallback done);
+                 ZRCallCallback done, ko::CallCancellationPtr cancellation = {});
   /// Posts a call: returns its id at once and runs it on a host thread where isPCalled() is true
   /// and getMethodID() is the id; `done` (optional) receives the outcome there. An unknown
   /// module or method is reported through the outcome.

@@ -11,6 +11,7 @@
 #include <boost/shared_ptr.hpp>
 #include <nlohmann/json.hpp>
 
+#include <ko/cancellation.h>
 #include <ko/object.h>
 #include <zr/zrbroker.h>
 
@@ -52,8 +53,9 @@ struct RpcLimits {
 ///
 /// Every answer and notification leaves through the Sender given at creation, which must be
 /// safe to call from any thread and keep the order of its calls. After close() nothing is sent
-/// any more, subscriptions and signal connections are dropped, and calls still running finish
-/// with their answers discarded.
+/// any more, subscriptions and signal connections are dropped, calls that have not started are
+/// dropped (also those waiting for a module's ko::FairMutex), and calls still running finish
+/// with their answers discarded. Posted calls are not dropped: posting hands the call over.
 class RpcSession : public std::enable_shared_from_this<RpcSession> {
  public:
   using Sender = std::function<void(std::string text)>;
@@ -120,6 +122,9 @@ class RpcSession : public std::enable_shared_from_this<RpcSession> {
   std::map<std::pair<std::string, std::string>, SignalConnection> signals_;
 
   std::atomic<std::size_t> callsInFlight_{0};
+  // Cancelled at close: the calls of this connection that have not started are not run, and
+  // those waiting for a module's fair lock stop waiting, since nobody can read their answers.
+  ko::CallCancellationPtr callerGone_ = std::make_shared<ko::CallCancellation>();
 };
 
 /// The JSON-RPC error object of a ZRError: message what(), data {module, method, description}.
