@@ -25,6 +25,7 @@
 #include <zr/zrbroker.h>
 #include <zr/zrbrokermanager.h>
 #include "accesstoken.h"
+#include "firstrun.h"
 
 namespace {
 
@@ -112,6 +113,7 @@ int main(int argc, char** argv) {
   std::string logLevel;
   std::string logFile;
   bool noModules = false;
+  bool noDefaultLanguage = false;
   std::string audioOutputName = "none";
   std::size_t maxMessageBytes = 1024 * 1024;
   const bexko::gateway::GatewayOptions gatewayDefaults;
@@ -126,6 +128,11 @@ int main(int argc, char** argv) {
                      defaultLibrary + ", the speech and audio modules)");
   app.add_flag("--no-modules", noModules,
                "Load no module library: serve the built-in services alone");
+  app.add_flag("--no-default-language", noDefaultLanguage,
+               "Do not set the preference \"ChosenLanguage\" (domain "
+               "\"com.veltra.robotwebpage\") when it is missing. By default a first run sets it "
+               "to the language of the desktop's locale (LC_ALL, LC_MESSAGES, LANG) when a "
+               "package provides it, else to English");
   app.add_option("--listen", listen,
                  "Address and port of the gateway, ADDRESS:PORT (IPv6 in brackets); port 0 "
                  "picks a free port. An address other than loopback needs --token")
@@ -246,6 +253,8 @@ int main(int argc, char** argv) {
     broker->shutdown();
     return 1;
   }
+  // The speech service reads the chosen language when it starts.
+  if (!noDefaultLanguage) bexko::daemon::ensureChosenLanguage(broker);
   for (const auto& library : libraries) {
     if (!loadModuleLibrary(library, broker)) {
       broker->shutdown();

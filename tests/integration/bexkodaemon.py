@@ -38,6 +38,10 @@ class Daemon:
         # that a test names with PULSE_SERVER.
         self.env.pop("PULSE_SERVER", None)
         self.env.pop("PULSE_SINK", None)
+        # The first run takes its language from the locale: the same one for every test.
+        for name in ("LC_ALL", "LC_MESSAGES", "LANGUAGE"):
+            self.env.pop(name, None)
+        self.env["LANG"] = "C.UTF-8"
         if fast:
             self.env["BEXKO_ENGINE_FAST"] = "1"
         # Tests other than those of access run without a token, as on a trusted machine.
