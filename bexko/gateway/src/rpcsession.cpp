@@ -111,7 +111,8 @@ void RpcSession::handleText(const std::string& text) {
       return;
     }
     nlohmann::json message = nlohmann::json::parse(text, nullptr, /*allow_exceptions=*/false);
-    if (message.is_discarded()) {
+    // The parser stops at a NUL and would ignore what follows it; JSON text never holds one.
+    if (message.is_discarded() || text.find('\0') != std::string::npos) {
       fail(invalid, rpcerror::ParseError, "Parse error: the frame is not valid JSON");
       return;
     }

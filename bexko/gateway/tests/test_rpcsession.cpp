@@ -125,6 +125,9 @@ TEST_F(RpcSessionTest, EveryBadInputIsAnsweredWithItsErrorAndTheSessionGoesOn) {
       {R"({"jsonrpc":"2.0","id":{},"method":"ZRFake.nothing"})", InvalidRequest, nullptr},
       {R"({"jsonrpc":"1.0","id":1,"method":"ZRFake.nothing"})", InvalidRequest, 1},
       {R"({"jsonrpc":"2.0","id":2,"method":5})", InvalidRequest, 2},
+      // A NUL is never part of JSON text: what follows it is not ignored, the frame is refused.
+      {std::string(R"({"jsonrpc":"2.0","id":3,"method":"bexko.modules"})") + '\0' + "junk",
+       ParseError, nullptr},
       {request(7, "echo", nullptr), MethodNotFound},
       {request(7, "NoSuch.thing", nullptr), MethodNotFound},
       {request(7, "bexko.nothing", nullptr), MethodNotFound},
