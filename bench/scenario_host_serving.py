@@ -10,7 +10,9 @@ waits for the speech service's lock. A bystander client then calls getVolume, st
 ZRMemory.getDataList 50 times each and the scenario prints how long each answer took (p50,
 p99, max). Then the flooding client resumes the service, stops everything and disconnects,
 and the scenario reports how long the daemon took to have no waiting say left, the order in
-which the posted says started (adjacent inversions), and that the daemon exits with status 0.
+which the posted says started (adjacent inversions). Then WAITING direct says are sent over four
+connections that close while the says wait: the scenario reports how long after the resume a
+bystander's say ends (the host drops the calls of a closed connection, so it is one sentence).
 
 Then two resource bounds: 300 idle TCP connections are opened (the daemon admits 256 at most,
 as the bystander's own count among them) and the scenario reports how many were closed at once
@@ -44,6 +46,27 @@ def rss_mb(pid):
             if line.startswith("VmRSS:"):
                 return int(line.split()[1]) / 1024.0
     return -1.0
+
+
+def leaving_direct_callers(daemon, bystander, count):
+    # Direct (not posted) says whose clients leave while they wait: the host drops them, so the
+    # service is free again as soon as the sentence it was speaking ends.
+    import websocket
+    bystander.call("ZRTextToSpeech", "_pause")
+    sockets = [websocket.create_connection(daemon.url, timeout=10) for _ in range(4)]
+    for i in range(count):
+        sockets[i * len(sockets) // count].send(json.dumps(
+            {"jsonrpc": "2.0", "id": i, "method": "ZRTextToSpeech.say",
+             "params": ["Abandoned sentence %d." % i]}))
+    time.sleep(1.0)
+    for ws in sockets:
+        ws.close()
+    time.sleep(0.5)
+    t0 = time.perf_counter()
+    bystander.call("ZRTextToSpeech", "_resume")
+    bystander.call("ZRTextToSpeech", "say", "After the leavers.", timeout=120)
+    print("%d direct says whose clients left: the bystander's say ended %.0f ms after the resume"
+          % (count, (time.perf_counter() - t0) * 1000))
 
 
 def idle_connections(daemon, bystander, count=300):
@@ -165,6 +188,7 @@ def main():
             print([(a, b) for a, b in zip(order, order[1:]) if a > b])
         for client in flooders:
             client.close()
+        leaving_direct_callers(daemon, bystander, waiting)
         idle_connections(daemon, bystander)
         silent_readers(daemon, bystander)
         bystander.close()
