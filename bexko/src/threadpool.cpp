@@ -28,6 +28,7 @@ enum TaskPhase { Pending, Started, Cancelled };
 struct ThreadPool::State {
   std::size_t maxThreads;
   std::size_t maxPromptThreads;
+  std::size_t keptThreads;
   std::chrono::milliseconds idleTimeout;
 
   mutable std::mutex mutex;
@@ -80,7 +81,7 @@ void ThreadPool::State::run(const std::shared_ptr<State>& self) {
     bool woken = self->workAvailable.wait_for(lock, self->idleTimeout,
                                               [&] { return self->hasWork() || self->stopping; });
     --self->idle;
-    if (!woken) {
+    if (!woken && self->workers.size() > self->keptThreads) {
       // Idle for too long: retire, leaving the thread object to be joined by whoever next
       // starts a thread or shuts the pool down.
       auto it = self->workers.find(std::this_thread::get_id());
@@ -120,10 +121,11 @@ bool ThreadPool::State::submit(const std::shared_ptr<State>& self, std::function
 }
 
 ThreadPool::ThreadPool(std::size_t maxThreads, std::chrono::milliseconds idleTimeout,
-                       std::size_t maxPromptThreads)
+                       std::size_t maxPromptThreads, std::size_t keptThreads)
     : state_(std::make_shared<State>()) {
   state_->maxThreads = maxThreads == 0 ? 1 : maxThreads;
   state_->maxPromptThreads = maxPromptThreads;
+  state_->keptThreads = keptThreads;
   state_->idleTimeout = idleTimeout;
 }
 

@@ -13,7 +13,9 @@ namespace bexko {
 ///
 /// A task never waits for another to finish: when no thread is idle, the pool starts a new one,
 /// up to `maxThreads` (beyond that, tasks wait in arrival order). A thread that stays idle for
-/// `idleTimeout` retires. Exceptions from tasks are logged and never leave the pool's threads.
+/// `idleTimeout` retires while more than `keptThreads` are alive, so that after a burst the pool
+/// is back to its idle size within about `idleTimeout`. Exceptions from tasks are logged and
+/// never leave the pool's threads.
 ///
 /// Prompt tasks (submitPrompt: short work that never waits for long) go ahead of every
 /// ordinary task, and when every thread is busy they get threads of their own beyond
@@ -22,8 +24,8 @@ namespace bexko {
 class ThreadPool : public ko::ExecutionContext {
  public:
   explicit ThreadPool(std::size_t maxThreads = 256,
-                      std::chrono::milliseconds idleTimeout = std::chrono::seconds(30),
-                      std::size_t maxPromptThreads = 64);
+                      std::chrono::milliseconds idleTimeout = std::chrono::seconds(2),
+                      std::size_t maxPromptThreads = 64, std::size_t keptThreads = 4);
   /// Shuts the pool down (see shutdown).
   ~ThreadPool() override;
   ThreadPool(const ThreadPool&) = delete;
