@@ -5,7 +5,9 @@
 # BEXKO_FUZZ_BUILD_DIR chooses the build folder (default build-fuzz); extra libFuzzer flags go in
 # BEXKO_FUZZ_FLAGS (e.g. "-runs=10000000"). Inputs the fuzzer finds go to
 # <build>/fuzz/corpus/<target> (kept between runs), findings to <build>/fuzz/findings/<target>/;
-# the seed corpus in the source tree is only read.
+# the seed corpus in the source tree is only read. BEXKO_FUZZ_FRESH=1 empties those inputs first,
+# so that a run with a fixed seed (BEXKO_FUZZ_FLAGS="-seed=1") repeats the same inputs: the test
+# command runs every target that way for a few seconds.
 set -euo pipefail
 here=$(cd "$(dirname "$0")/.." && pwd)
 build=${BEXKO_FUZZ_BUILD_DIR:-$here/build-fuzz}
@@ -40,6 +42,7 @@ for target in "${targets[@]}"; do
   fi
   corpus=$build/fuzz/corpus/$target
   findings=$build/fuzz/findings/$target
+  if [ "${BEXKO_FUZZ_FRESH:-0}" = 1 ]; then rm -rf "$corpus"; fi
   mkdir -p "$corpus" "$findings"
   echo "fuzz: $target for ${seconds} s"
   # The targets point HOME and the XDG folders at a temporary tree themselves; one process at
