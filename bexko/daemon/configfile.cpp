@@ -19,6 +19,9 @@ class ConfigFile::Reader : public CLI::ConfigTOML {
   explicit Reader(CLI::App& app) : app(app) {}
 
   std::vector<CLI::ConfigItem> from_config(std::istream& input) const override {
+    // --help and --version answer whatever the file holds.
+    const CLI::Option* version = app.get_option_no_throw("--version");
+    if (app.get_help_ptr()->count() > 0 || (version && version->count() > 0)) return {};
     const std::string file = app.get_config_ptr()->as<std::string>();
     std::vector<CLI::ConfigItem> read = CLI::ConfigTOML::from_config(input);
     std::vector<CLI::ConfigItem> kept;

@@ -202,8 +202,13 @@ int main(int argc, char** argv) {
   } catch (const CLI::ParseError& e) {
     if (e.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) return app.exit(e);
     std::cerr << "bexko: " << e.what() << "\n";
+    // CLI11 names the option, not where its value came from.
+    const std::string message = e.what();
     for (const auto& key : configFile.suppliedKeys()) {
-      if (std::string(e.what()).find(key) != std::string::npos) {
+      const auto at = message.find("--" + key);
+      const auto end = at + 2 + key.size();
+      if (at != std::string::npos && (end == message.size() || message[end] == ':' ||
+                                      message[end] == ' ' || message[end] == '=')) {
         std::cerr << "bexko: \"" << key << "\" is set in " << configFile.path() << "\n";
       }
     }

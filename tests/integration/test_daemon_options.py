@@ -93,6 +93,11 @@ class ConfigFile(unittest.TestCase):
                 self.assertIn(message, result.stderr)
                 if not args:
                     self.assertIn(daemon.conf, result.stderr)
+                # --version and --help still answer.
+                for option, output in (("--version", "bexko "), ("--help", "--config")):
+                    result = self.run_bexko(daemon, *args, option)
+                    self.assertEqual(result.returncode, 0, result.stderr)
+                    self.assertIn(output, result.stdout)
 
 
 if __name__ == "__main__":
