@@ -24,6 +24,17 @@ def run(command, **kwargs):
     return result
 
 
+def sanitizer_flags():
+    # A program linked to the libraries of a sanitizer build must carry the same runtime.
+    with open(os.path.join(BUILD_DIR, "CMakeCache.txt")) as f:
+        for line in f:
+            if line.startswith("BEXKO_SANITIZE:"):
+                kind = line.strip().split("=", 1)[1]
+                return {"address": ["-fsanitize=address,undefined"],
+                        "thread": ["-fsanitize=thread"]}.get(kind, [])
+    return []
+
+
 class InstalledTree(unittest.TestCase):
     # One installation for the class: installed into one folder, then moved to another, so that
     # everything below also shows that the tree is relocatable.
@@ -91,7 +102,7 @@ class InstalledTree(unittest.TestCase):
                     "int main() {\n  ZR::ZRValue value(ko::kVersion);\n"
                     "  std::cout << value.toString() << std::endl;\n}\n")
         binary = os.path.join(self.root, "versionprobe")
-        run(["c++", "-std=c++17", program, "-o", binary] + flags, env=env)
+        run(["c++", "-std=c++17", program, "-o", binary] + flags + sanitizer_flags(), env=env)
         output = run([binary], env=dict(env, LD_LIBRARY_PATH=os.path.join(self.prefix, "lib")))
         self.assertIn(version, output.stdout)
         self.assertEqual(version, run([BEXKO, "--version"]).stdout.split()[1])
