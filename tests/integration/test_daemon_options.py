@@ -74,6 +74,13 @@ class ConfigFile(unittest.TestCase):
         self.addCleanup(client.close)
         self.assertNotIn("ZRTextToSpeech", client.modules())
 
+    def test_module_libraries_can_come_from_the_file(self):
+        daemon = self.daemon("libraries = [\"/nonexistent/libfromconf.so\"]\n")
+        result = self.run_bexko(daemon)
+        # Named like on the command line, so a library that cannot be loaded stops it.
+        self.assertEqual((result.returncode, result.stdout), (1, ""), result.stderr)
+        self.assertIn("cannot load /nonexistent/libfromconf.so", result.stderr)
+
     def test_a_file_it_cannot_use_ends_it_before_it_listens(self):
         cases = [
             ("colour = \"blue\"\n", (), "unknown key \"colour\""),
