@@ -66,6 +66,9 @@ class DebianPackage(unittest.TestCase):
         self.assertTrue(glob.glob(os.path.join(self.usr, "share", "bexko", "packages", "*")))
         with open(os.path.join(self.usr, "lib", "systemd", "user", "bexko.service")) as f:
             self.assertIn("ExecStart=/usr/bin/bexko\n", f.read())
+        # The system Python finds the client through a path file in its site folder.
+        with open(os.path.join(self.usr, "lib", "python3", "dist-packages", "bexko.pth")) as f:
+            self.assertEqual(f.read(), "/usr/share/bexko/python\n")
 
     def test_the_daemon_runs_from_the_extracted_package(self):
         daemon = Daemon(program=os.path.join(self.usr, "bin", "bexko"), auth=True)
