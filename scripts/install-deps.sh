@@ -15,6 +15,8 @@ packages=(
   libsqlite3-dev libpugixml-dev nlohmann-json3-dev libcli11-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   python3 python3-websocket
+  python3-venv python3-pip python3-setuptools python3-wheel
+  dpkg-dev systemd
 )
 
 missing=()

@@ -22,10 +22,13 @@
 #include <ko/audiooutput.h>
 #include <ko/log.h>
 #include <ko/path.h>
+#include <ko/version.h>
 #include <zr/zrbroker.h>
 #include <zr/zrbrokermanager.h>
 #include "accesstoken.h"
+#include "configfile.h"
 #include "firstrun.h"
+#include "modulelibraries.h"
 
 namespace {
 
@@ -58,6 +61,10 @@ bool loadModuleLibrary(const std::string& path, const boost::shared_ptr<ZR::ZRBr
   } catch (const std::exception& e) {
     KO_LOG(logCategory(), ko::log::error, "loadModuleLibrary")
         << "_createModule of " << path << " failed: " << e.what();
+    return false;
+  } catch (...) {
+    KO_LOG(logCategory(), ko::log::error, "loadModuleLibrary")
+        << "_createModule of " << path << " failed with an exception of unknown type";
     return false;
   }
   return true;
@@ -95,12 +102,15 @@ int main(int argc, char** argv) {
 
   CLI::App app{
       "bexko: the desktop host. It runs the built-in services (ZRMemory, ZRPreferences,\n"
-      "ZRPreferenceManager, PackageManager) and the modules of the libraries given on the\n"
-      "command line, and serves them to clients as JSON-RPC 2.0 over a WebSocket. Once ready it\n"
-      "prints one line \"listening on ws://ADDRESS:PORT\" on standard output. SIGINT or SIGTERM\n"
-      "stops every module and the gateway, and the host exits with status 0.\n"
+      "ZRPreferenceManager, PackageManager), the modules of the libraries given on the\n"
+      "command line and those of the module folders (<prefix>/lib/bexko/modules,\n"
+      "$XDG_DATA_HOME/bexko/modules), and serves them to clients as JSON-RPC 2.0 over a\n"
+      "WebSocket. Once ready it prints one line \"listening on ws://ADDRESS:PORT\" on standard\n"
+      "output. SIGINT or SIGTERM stops every module and the gateway, and the host exits with\n"
+      "status 0.\n"
       "Files live under $XDG_CONFIG_HOME/bexko (preferences, voice files) and\n"
-      "$XDG_DATA_HOME/bexko (preference database, packages, dictionary).\n"
+      "$XDG_DATA_HOME/bexko (preference database, packages, dictionary); options may also\n"
+      "come from $XDG_CONFIG_HOME/bexko/bexko.conf (see --config).\n"
       "Speech is heard only with an audio output (--audio-output): by default the modules\n"
       "synthesise and pace their speech but play no sound.",
       "bexko"};
@@ -127,7 +137,8 @@ int main(int argc, char** argv) {
                  "order (default: " +
                      defaultLibrary + ", the speech and audio modules)");
   app.add_flag("--no-modules", noModules,
-               "Load no module library: serve the built-in services alone");
+               "Load no module library, neither the default one nor those of the module "
+               "folders: serve the built-in services alone");
   app.add_flag("--no-default-language", noDefaultLanguage,
                "Do not set the preference \"ChosenLanguage\" (domain "
                "\"com.veltra.robotwebpage\") when it is missing. By default a first run sets it "
@@ -189,7 +200,28 @@ int main(int argc, char** argv) {
       ->capture_default_str()
       ->check(CLI::Range(0, 86400));
 
-  CLI11_PARSE(app, argc, argv);
+  app.set_version_flag("--version", std::string("bexko ") + ko::kVersion,
+                       "Print the version and exit");
+  const bexko::daemon::ConfigFile configFile(app);
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    if (e.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) return app.exit(e);
+    std::cerr << "bexko: " << e.what() << "\n";
+    // CLI11 names the option, not where its value came from.
+    const std::string message = e.what();
+    for (const auto& key : configFile.suppliedKeys()) {
+      const auto at = message.find("--" + key);
+      const auto end = at + 2 + key.size();
+      if (at != std::string::npos && (end == message.size() || message[end] == ':' ||
+                                      message[end] == ' ' || message[end] == '=')) {
+        std::cerr << "bexko: \"" << key << "\" is set in " << configFile.path() << "\n";
+      }
+    }
+    std::cerr << "Run with --help for more information.\n";
+    return 2;
+  }
 
   std::string address;
   unsigned short port = 0;
@@ -259,6 +291,16 @@ int main(int argc, char** argv) {
     if (!loadModuleLibrary(library, broker)) {
       broker->shutdown();
       return 1;
+    }
+  }
+  // Libraries that someone dropped in a module folder: a broken one is left out, not fatal.
+  if (!noModules) {
+    for (const auto& library :
+         bexko::daemon::folderModuleLibraries(bexko::daemon::moduleFolders(), libraries)) {
+      if (!loadModuleLibrary(library, broker)) {
+        KO_LOG(logCategory(), ko::log::error, "main")
+            << "module library " << library << " left out; the daemon goes on without it";
+      }
     }
   }
 

@@ -23,9 +23,11 @@ sys.path.insert(0, os.path.join(BUILD_DIR, "python"))
 
 
 class Daemon:
-    # The daemon under test; `fast` selects the engine's fast mode (no real-time pacing).
+    # The daemon under test; `fast` selects the engine's fast mode (no real-time pacing);
+    # `program` is another bexko executable than the build tree's (an installed one).
 
-    def __init__(self, *args, fast=True, auth=False):
+    def __init__(self, *args, fast=True, auth=False, program=None):
+        self.program = program or BEXKO
         self.root = tempfile.mkdtemp(prefix="bexko-it-")
         self.env = {k: v for k, v in os.environ.items() if not k.startswith("BEXKO_")}
         for name, sub in (("HOME", "home"), ("XDG_CONFIG_HOME", "config"),
@@ -51,7 +53,7 @@ class Daemon:
 
     def start(self, timeout=20.0):
         self._log = open(self.log_path, "wb")
-        self.process = subprocess.Popen([BEXKO] + self.args, stdout=subprocess.PIPE,
+        self.process = subprocess.Popen([self.program] + self.args, stdout=subprocess.PIPE,
                                         stderr=self._log, env=self.env)
         ready, _, _ = select.select([self.process.stdout], [], [], timeout)
         line = self.process.stdout.readline().decode() if ready else ""

@@ -14,6 +14,9 @@ its id; `proxy.stop(id)`, `proxy.wait(id, timeout_ms)` and `proxy.isRunning(id)`
 import atexit
 import threading
 
+# The version of the bexko release this client belongs to (the daemon's `bexko --version`).
+__version__ = "0.1.0"
+
 from .client import (DEFAULT_URL, BexkoConnectionError, BexkoError, Client,  # noqa: F401
                      default_url)
 
