@@ -284,21 +284,27 @@ ZRValue ZRModuleCore::callMethod(const std::string& method, const std::vector<ZR
   }
   if (!functor) {
     const bool one = counts.size() == 1 && counts[0] == 1;
-    throw ZRError(impl_->name, method,
-                  impl_->name + "." + method + " takes " + countList(counts) + " " +
-                      (one ? "argument" : "arguments") + ", not " + std::to_string(args.size()));
+    throw bexko::detail::RefusedArguments(
+        impl_->name, method,
+        impl_->name + "." + method + " takes " + countList(counts) + " " +
+            (one ? "argument" : "arguments") + ", not " + std::to_string(args.size()));
   }
 
   bexko::detail::CallFrameGuard frame(this, postedId != 0, postedId);
   try {
     return functor->call(args);
+  } catch (const bexko::detail::RefusedArguments& e) {
+    // A call the method made in turn was refused: a failure of this method, not a bad
+    // argument of its caller.
+    throw ZRError(e);
   } catch (const ZRArgumentError& e) {
-    // Reported as an ordinary error of this call, so that an outer call of another method
-    // does not take it for a bad argument of its own.
+    // Reported as a refusal of this call only, so that an outer call of another method does
+    // not take it for a bad argument of its own.
     if (e.index() > 0) {
-      throw ZRError(impl_->name, method, "argument " + std::to_string(e.index()) + ": " + e.what());
+      throw bexko::detail::RefusedArguments(
+          impl_->name, method, "argument " + std::to_string(e.index()) + ": " + e.what());
     }
-    throw ZRError(impl_->name, method, e.what());
+    throw bexko::detail::RefusedArguments(impl_->name, method, e.what());
   }
 }
 
