@@ -182,7 +182,17 @@ class Client:
         return self.request("bexko.modules")
 
     def describe(self, module):
+        """The published documentation of `module`: its methods, signals and event keys."""
         return self.request("bexko.describe", {"module": module})
+
+    def keys(self):
+        """The keys of the host's event store, in name order, each as {"key", "module",
+        "description"}: the module that documents it (None when none does) and what it says."""
+        return self.request("bexko.keys")
+
+    def version(self):
+        """The version of the host."""
+        return self.request("bexko.version")
 
     # Events and signals -------------------------------------------------------------------------
 
