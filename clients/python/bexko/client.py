@@ -298,7 +298,10 @@ class Client:
                     break
                 if opcode != websocket.ABNF.OPCODE_TEXT:
                     continue
-                self._handle(json.loads(data.decode("utf-8")))
+                message = json.loads(data.decode("utf-8"))
+                # The answer to a batch is an array of answers.
+                for one in message if isinstance(message, list) else [message]:
+                    self._handle(one)
         except Exception as e:
             with self._lock:
                 if not self._closed:
