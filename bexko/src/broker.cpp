@@ -107,6 +107,9 @@ struct ZRBroker::Impl {
       bexko::detail::PostedCallMark mark(postedId);
       outcome.value = module->callMethod(method, args);
       outcome.ok = true;
+    } catch (const bexko::detail::RefusedArguments& e) {
+      outcome.error = ZRError(e);
+      outcome.badArguments = true;
     } catch (const ZRError& e) {
       outcome.error = e;
     } catch (const ko::CallCancelled& e) {

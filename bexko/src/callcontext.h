@@ -2,7 +2,10 @@
 
 #include <cstdint>
 
+#include <string>
+
 #include <zr/export.h>
+#include <zr/zrerror.h>
 
 namespace ko {
 class CallCancellation;
@@ -77,6 +80,18 @@ class CancellationScope {
 
  private:
   ko::CallCancellation* previous;
+};
+
+/// The refusal of a call before its method ran: no overload takes that many arguments, or an
+/// argument does not convert to its parameter's type. Thrown by ZRModuleCore::callMethod for
+/// its own call only (one that escapes from inside the method, from a call the method made in
+/// turn, leaves as a plain ZRError), so that the broker can tell the caller's mistake from the
+/// method's failure.
+class RefusedArguments : public ZR::ZRError {
+ public:
+  RefusedArguments(const std::string& module, const std::string& method,
+                   const std::string& description)
+      : ZR::ZRError(module, method, description) {}
 };
 
 /// Posted-call ids run from firstPostedId to lastPostedId and then wrap back to firstPostedId.

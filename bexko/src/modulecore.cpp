@@ -54,7 +54,8 @@ struct ZRModuleCore::Impl {
   mutable std::mutex mutex;
   std::string description;
   std::vector<ZRExampleInfo> examples;
-  std::vector<Method> methods;  // registration order
+  std::vector<ZREventInfo> events;  // documentation order
+  std::vector<Method> methods;      // registration order
   std::set<std::string> promptMethods;
   ZRMethodInfo current;
 };
@@ -87,6 +88,17 @@ void ZRModuleCore::setModuleDescription(const std::string& description) {
 void ZRModuleCore::addModuleExample(const std::string& language, const std::string& text) {
   std::lock_guard<std::mutex> lock(impl_->mutex);
   impl_->examples.push_back(ZRExampleInfo{language, text});
+}
+
+void ZRModuleCore::addModuleEvent(const std::string& key, const std::string& description) {
+  std::lock_guard<std::mutex> lock(impl_->mutex);
+  for (auto& event : impl_->events) {
+    if (event.key == key) {
+      event.description = description;
+      return;
+    }
+  }
+  impl_->events.push_back(ZREventInfo{key, description});
 }
 
 void ZRModuleCore::functionName(const std::string& name, const std::string& moduleName,
@@ -165,6 +177,7 @@ ZRModuleInfo ZRModuleCore::moduleInfo() const {
     std::lock_guard<std::mutex> lock(impl_->mutex);
     info.description = impl_->description;
     info.examples = impl_->examples;
+    info.events = impl_->events;
     info.methods.reserve(impl_->methods.size());
     for (const auto& method : impl_->methods) info.methods.push_back(method.info);
   }
@@ -271,21 +284,27 @@ ZRValue ZRModuleCore::callMethod(const std::string& method, const std::vector<ZR
   }
   if (!functor) {
     const bool one = counts.size() == 1 && counts[0] == 1;
-    throw ZRError(impl_->name, method,
-                  impl_->name + "." + method + " takes " + countList(counts) + " " +
-                      (one ? "argument" : "arguments") + ", not " + std::to_string(args.size()));
+    throw bexko::detail::RefusedArguments(
+        impl_->name, method,
+        impl_->name + "." + method + " takes " + countList(counts) + " " +
+            (one ? "argument" : "arguments") + ", not " + std::to_string(args.size()));
   }
 
   bexko::detail::CallFrameGuard frame(this, postedId != 0, postedId);
   try {
     return functor->call(args);
+  } catch (const bexko::detail::RefusedArguments& e) {
+    // A call the method made in turn was refused: a failure of this method, not a bad
+    // argument of its caller.
+    throw ZRError(e);
   } catch (const ZRArgumentError& e) {
-    // Reported as an ordinary error of this call, so that an outer call of another method
-    // does not take it for a bad argument of its own.
+    // Reported as a refusal of this call only, so that an outer call of another method does
+    // not take it for a bad argument of its own.
     if (e.index() > 0) {
-      throw ZRError(impl_->name, method, "argument " + std::to_string(e.index()) + ": " + e.what());
+      throw bexko::detail::RefusedArguments(
+          impl_->name, method, "argument " + std::to_string(e.index()) + ": " + e.what());
     }
-    throw ZRError(impl_->name, method, e.what());
+    throw bexko::detail::RefusedArguments(impl_->name, method, e.what());
   }
 }
 

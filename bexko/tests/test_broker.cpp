@@ -53,6 +53,33 @@ TEST_F(BrokerTest, PostAndCallAsyncReportTheOutcomeOnAHostThread) {
   }
 }
 
+TEST_F(BrokerTest, ACallRefusedForItsArgumentsIsToldApartFromAFailureOfTheMethod) {
+  struct Case {
+    const char* method;
+    std::vector<ZRValue> args;
+    bool refused;
+    const char* error;  // the beginning of its what()
+  };
+  const Case cases[] = {{"add", {1}, true, "Calculator.add takes 2 arguments, not 1"},
+                        {"add", {1, 2, 3}, true, "Calculator.add takes 2 arguments, not 3"},
+                        {"add", {"one", 2}, true, "argument 1: "},
+                        {"fail", {"zr"}, false, "inner failure"},
+                        {"add", {1, 2}, false, ""}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.method) + " with " + std::to_string(c.args.size()));
+    ko::Promise<Delivered> posting;
+    ko::Promise<Delivered> calling;
+    broker_->post("Calculator", c.method, c.args, deliverTo(posting));
+    broker_->callAsync("Calculator", c.method, c.args, deliverTo(calling));
+    for (const auto* delivered : {&posting, &calling}) {
+      const ZR::ZRCallOutcome outcome = delivered->future().value(longWaitMs).first;
+      EXPECT_EQ(outcome.badArguments, c.refused);
+      const std::string error = outcome.error ? outcome.error->what() : "";
+      EXPECT_EQ(error.rfind(c.error, 0), 0u) << error;
+    }
+  }
+}
+
 TEST_F(BrokerTest, PostedCallRunsWithItsIdAndIsStoppedThroughTheModule) {
   const ZR::ZRPostedCall posted = broker_->post("Calculator", "waitForStop", {});
   calculator_->awaitWaiters(1);

@@ -90,7 +90,7 @@ class BadInput(DaemonTestCase):
             ("binary frame", b"\x00\x01\x02", None, -32600),
             ("deep nesting", "[" * 10000 + "]" * 10000, None, -32600),
             ("unknown method", rpc(4, "ZRTextToSpeech.shout", ["x"]), 4, -32601),
-            ("wrong argument count", rpc(5, "ZRTextToSpeech.say", ["a", "b", "c"]), 5, -32000),
+            ("wrong argument count", rpc(5, "ZRTextToSpeech.say", ["a", "b", "c"]), 5, -32602),
             ("service error", rpc(7, "ZRTextToSpeech.setLanguage", ["Klingon"]), 7, -32000),
             ("huge integer", rpc(9, "ZRTextToSpeech.setVolume", [2 ** 40]), 9, -32602),
         ]

@@ -25,6 +25,30 @@ void ZRTextToSpeech::xPublishMethods() {
                    "#Create a proxy on the text-to-speech module\ntts = "
                    "ZRProxy(\"ZRTextToSpeech\")\ntts.say(\"Hello World!\")\n");
 
+  // The event keys that init() declares, documented for clients that watch them.
+  addModuleEvent(strTextDoneEvent,
+                 "int: 0 when a sentence starts; 1 once it has been heard to its end (with an "
+                 "audio output; without one it stays 0).");
+  addModuleEvent(strTextStartedEvent,
+                 "int: 1 when a sentence starts; 0 once it has been heard to its end (with an "
+                 "audio output).");
+  addModuleEvent(strCurrentBookMarkEvent,
+                 "int: the number of the bookmark (\\mrk=N\\ in the text) just reached; 0 at "
+                 "the end of a sentence.");
+  addModuleEvent(strPositionOfCurrentWordEvent,
+                 "int: the position in the text of the word being said; 0 at the end of a "
+                 "sentence.");
+  addModuleEvent(strCurrentWordEvent,
+                 "string: the word being said; \"\" at the end of a sentence.");
+  addModuleEvent(strCurrentSentenceEvent,
+                 "string: the sentence being said, without its tags; \"\" once it is done (not "
+                 "raised for sayToFile).");
+  addModuleEvent(strStatusEvent,
+                 "[int id, string status]: the progress of the task id, status one of "
+                 "\"enqueued\", \"started\", \"done\", \"thrown\", \"stopped\"; "
+                 "[-1, \"done\"] at start.");
+  addModuleEvent(strTextInterruptedEvent, "int: 1 when a stop interrupts the sentence being said.");
+
   // say, deleteFromDictionary and addToDictionary are published twice under one name; the host
   // tells their overloads apart by argument count.
   functionName("say", publishedModuleName,

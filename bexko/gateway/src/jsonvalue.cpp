@@ -159,11 +159,16 @@ nlohmann::json toJson(const ZR::ZRModuleInfo& info) {
                        {"return", std::move(returned)},
                        {"examples", examplesToJson(method.examples)}});
   }
+  nlohmann::json events = nlohmann::json::array();
+  for (const auto& event : info.events) {
+    events.push_back({{"key", event.key}, {"description", event.description}});
+  }
   return {{"name", info.name},
           {"description", info.description},
           {"examples", examplesToJson(info.examples)},
           {"methods", std::move(methods)},
-          {"signals", info.signals}};
+          {"signals", info.signals},
+          {"events", std::move(events)}};
 }
 
 }  // namespace gateway

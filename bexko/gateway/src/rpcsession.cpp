@@ -7,6 +7,7 @@
 #include <bexko/gateway/jsonvalue.h>
 #include <bexko/services/memory.h>
 #include <ko/log.h>
+#include <ko/version.h>
 #include <zr/zrmodulecore.h>
 
 namespace bexko {
@@ -100,12 +101,26 @@ void RpcSession::close() {
 
 // Framing ------------------------------------------------------------------------------------
 
+/// The answers of one batch, gathered until the last member with an id is answered.
+struct RpcSession::Batch {
+  std::mutex mutex;
+  std::vector<nlohmann::json> answers;  // by place in the batch; null where none
+  // Members with an id still to be answered, plus one while the batch is being dispatched, so
+  // that a member answered at once cannot send the batch before the others are counted.
+  std::size_t unanswered = 1;
+  std::vector<std::function<void()>> afterAnswer;
+};
+
 void RpcSession::handleText(const std::string& text) {
   Request invalid;
   invalid.id = nullptr;
   invalid.expectsAnswer = true;
   try {
-    if (jsonNestingDepth(text, limits_.maxDepth) > limits_.maxDepth) {
+    // A batch adds one level of nesting around requests that are allowed alone.
+    const auto first = text.find_first_not_of(" \t\r\n");
+    const bool batch = first != std::string::npos && text[first] == '[';
+    const std::size_t depthAllowed = limits_.maxDepth + (batch ? 1 : 0);
+    if (jsonNestingDepth(text, depthAllowed) > depthAllowed) {
       fail(invalid, rpcerror::InvalidRequest,
            "Invalid Request: nested deeper than " + std::to_string(limits_.maxDepth) + " levels");
       return;
@@ -117,46 +132,99 @@ void RpcSession::handleText(const std::string& text) {
       return;
     }
     if (message.is_array()) {
-      fail(invalid, rpcerror::InvalidRequest,
-           "Invalid Request: batches are not supported; send one request per frame");
-      return;
-    }
-    if (!message.is_object()) {
-      fail(invalid, rpcerror::InvalidRequest, "Invalid Request: a request is a JSON object");
+      handleBatch(message);
       return;
     }
     Request request;
-    auto id = message.find("id");
-    if (id != message.end()) {
-      if (!(id->is_string() || id->is_number() || id->is_null())) {
-        fail(invalid, rpcerror::InvalidRequest,
-             "Invalid Request: \"id\" must be a string, a number or null");
-        return;
-      }
-      request.id = *id;
-      request.expectsAnswer = true;
-    }
-    auto version = message.find("jsonrpc");
-    if (version == message.end() || *version != "2.0") {
-      invalid.id = request.id;
-      fail(invalid, rpcerror::InvalidRequest, "Invalid Request: \"jsonrpc\" must be \"2.0\"");
+    std::string problem;
+    if (!readRequest(message, request, problem)) {
+      fail(request, rpcerror::InvalidRequest, problem);
       return;
     }
-    auto method = message.find("method");
-    if (method == message.end() || !method->is_string()) {
-      invalid.id = request.id;
-      fail(invalid, rpcerror::InvalidRequest, "Invalid Request: \"method\" must be a string");
-      return;
-    }
-    request.method = method->get<std::string>();
-    auto params = message.find("params");
-    if (params != message.end()) request.params = *params;
     dispatch(request);
   } catch (const std::exception& e) {
     // Nothing a client sends may escape into the transport's thread.
     KO_LOG(logCategory(), ko::log::error, "handleText") << "Unexpected failure: " << e.what();
     fail(invalid, rpcerror::InternalError, std::string("Internal error: ") + e.what());
   }
+}
+
+bool RpcSession::readRequest(const nlohmann::json& message, Request& request,
+                             std::string& problem) {
+  // Until the id is known to be usable, an error is answered with a null id.
+  request.id = nullptr;
+  request.expectsAnswer = true;
+  if (!message.is_object()) {
+    problem = "Invalid Request: a request is a JSON object";
+    return false;
+  }
+  auto id = message.find("id");
+  if (id != message.end() && !(id->is_string() || id->is_number() || id->is_null())) {
+    problem = "Invalid Request: \"id\" must be a string, a number or null";
+    return false;
+  }
+  if (id != message.end()) request.id = *id;
+  auto version = message.find("jsonrpc");
+  if (version == message.end() || *version != "2.0") {
+    problem = "Invalid Request: \"jsonrpc\" must be \"2.0\"";
+    return false;
+  }
+  auto method = message.find("method");
+  if (method == message.end() || !method->is_string()) {
+    problem = "Invalid Request: \"method\" must be a string";
+    return false;
+  }
+  // A valid request without an id is a notification: it is served and never answered.
+  request.expectsAnswer = id != message.end();
+  request.method = method->get<std::string>();
+  auto params = message.find("params");
+  if (params != message.end()) request.params = *params;
+  return true;
+}
+
+void RpcSession::handleBatch(const nlohmann::json& members) {
+  Request invalid;
+  invalid.id = nullptr;
+  invalid.expectsAnswer = true;
+  if (members.empty()) {
+    fail(invalid, rpcerror::InvalidRequest, "Invalid Request: the batch is empty");
+    return;
+  }
+  if (members.size() > limits_.maxBatchRequests) {
+    fail(invalid, rpcerror::InvalidRequest,
+         "Invalid Request: a batch holds at most " + std::to_string(limits_.maxBatchRequests) +
+             " requests, not " + std::to_string(members.size()));
+    return;
+  }
+  auto batch = std::make_shared<Batch>();
+  batch->answers.resize(members.size());
+  std::vector<Request> requests(members.size());
+  std::vector<std::string> problems(members.size());
+  std::vector<bool> valid(members.size());
+  for (std::size_t i = 0; i < members.size(); ++i) {
+    valid[i] = readRequest(members[i], requests[i], problems[i]);
+    requests[i].batch = batch;
+    requests[i].place = i;
+    if (requests[i].expectsAnswer) ++batch->unanswered;
+  }
+  for (std::size_t i = 0; i < members.size(); ++i) {
+    try {
+      if (valid[i]) {
+        dispatch(requests[i]);
+      } else {
+        fail(requests[i], rpcerror::InvalidRequest, problems[i]);
+      }
+    } catch (const std::exception& e) {
+      // A member that failed this way has not been answered; the batch must still be.
+      KO_LOG(logCategory(), ko::log::error, "handleBatch") << "Unexpected failure: " << e.what();
+      fail(requests[i], rpcerror::InternalError, std::string("Internal error: ") + e.what());
+    }
+  }
+  // The dispatching is over: the batch goes as soon as its last answer is known.
+  Request done;
+  done.batch = batch;
+  done.expectsAnswer = true;
+  answer(done, nullptr);
 }
 
 void RpcSession::dispatch(const Request& request) {
@@ -188,6 +256,10 @@ void RpcSession::dispatch(const Request& request) {
     connect(request);
   } else if (name == "disconnect") {
     disconnect(request);
+  } else if (name == "keys") {
+    keys(request);
+  } else if (name == "version") {
+    reply(request, ko::kVersion);
   } else {
     fail(request, rpcerror::MethodNotFound,
          "Method not found: the host has no operation \"" + request.method + "\"");
@@ -233,12 +305,7 @@ bool RpcSession::reserveCall(const Request& request) {
 
 void RpcSession::callModule(const Request& request, const std::string& module,
                             const std::string& method) {
-  std::vector<ZR::ZRValue> args;
-  std::string problem;
-  if (!argumentsFrom(request.params, args, problem)) {
-    fail(request, rpcerror::InvalidParams, problem);
-    return;
-  }
+  // A method that does not exist is reported before anything about its arguments.
   auto target = broker_->getModuleByName(module);
   if (!target) {
     fail(request, rpcerror::MethodNotFound, "Method not found: no module named \"" + module + "\"");
@@ -247,6 +314,12 @@ void RpcSession::callModule(const Request& request, const std::string& module,
   if (!target->hasMethod(method)) {
     fail(request, rpcerror::MethodNotFound,
          "Method not found: module \"" + module + "\" has no method \"" + method + "\"");
+    return;
+  }
+  std::vector<ZR::ZRValue> args;
+  std::string problem;
+  if (!argumentsFrom(request.params, args, problem)) {
+    fail(request, rpcerror::InvalidParams, problem);
     return;
   }
   if (!reserveCall(request)) return;
@@ -275,19 +348,19 @@ void RpcSession::post(const Request& request) {
          "array}");
     return;
   }
-  std::vector<ZR::ZRValue> args;
-  std::string problem;
-  auto argsJson = request.params.find("args");
-  if (argsJson != request.params.end() && !argumentsFrom(*argsJson, args, problem)) {
-    fail(request, rpcerror::InvalidParams, problem);
-    return;
-  }
   auto target = broker_->getModuleByName(*module);
   if (!target || !target->hasMethod(*method)) {
     fail(request, rpcerror::MethodNotFound,
          "Method not found: " +
              (target ? "module \"" + *module + "\" has no method \"" + *method + "\""
                      : "no module named \"" + *module + "\""));
+    return;
+  }
+  std::vector<ZR::ZRValue> args;
+  std::string problem;
+  auto argsJson = request.params.find("args");
+  if (argsJson != request.params.end() && !argumentsFrom(*argsJson, args, problem)) {
+    fail(request, rpcerror::InvalidParams, problem);
     return;
   }
   if (!reserveCall(request)) return;
@@ -310,9 +383,9 @@ void RpcSession::post(const Request& request) {
         if (outcome.ok) {
           done["result"] = toJson(outcome.value);
         } else if (outcome.error) {
-          done["error"] = errorObject(rpcerror::CallFailed, *outcome.error);
+          done["error"] = errorObject(errorCode(outcome), *outcome.error);
         } else {
-          done["error"] = {{"code", rpcerror::CallFailed}, {"message", outcome.otherError}};
+          done["error"] = {{"code", errorCode(outcome)}, {"message", outcome.otherError}};
         }
         std::lock_guard<std::mutex> lock(completion->mutex);
         if (completion->idAnswered) {
@@ -321,10 +394,12 @@ void RpcSession::post(const Request& request) {
           completion->pending = std::move(done);
         }
       });
-  reply(request, {{"id", posted.id}});
-  std::lock_guard<std::mutex> lock(completion->mutex);
-  completion->idAnswered = true;
-  if (completion->pending) notify("bexko.done", std::move(*completion->pending));
+  reply(request, {{"id", posted.id}}, [weak, completion] {
+    auto self = weak.lock();
+    std::lock_guard<std::mutex> lock(completion->mutex);
+    completion->idAnswered = true;
+    if (self && completion->pending) self->notify("bexko.done", std::move(*completion->pending));
+  });
 }
 
 void RpcSession::stop(const Request& request) {
@@ -352,11 +427,7 @@ void RpcSession::stop(const Request& request) {
       broker->stop(moduleName, static_cast<int>(callId));
       self->reply(request, nullptr);
     } catch (const ZR::ZRError& e) {
-      if (request.expectsAnswer) {
-        self->emit({{"jsonrpc", "2.0"},
-                    {"id", request.id},
-                    {"error", errorObject(rpcerror::CallFailed, e)}});
-      }
+      self->failWithError(request, rpcerror::CallFailed, e);
     } catch (const std::exception& e) {
       self->fail(request, rpcerror::CallFailed, e.what());
     }
@@ -376,6 +447,34 @@ void RpcSession::describe(const Request& request) {
     return;
   }
   reply(request, toJson(target->moduleInfo()));
+}
+
+void RpcSession::keys(const Request& request) {
+  auto store = memory();
+  if (!store) {
+    fail(request, rpcerror::InternalError, "The event store \"ZRMemory\" is not running");
+    return;
+  }
+  // What the modules say of their keys; a key documented by two modules keeps the first.
+  std::map<std::string, std::pair<std::string, std::string>> documented;  // key -> module, text
+  for (const auto& name : broker_->getModuleNames()) {
+    auto module = broker_->getModuleByName(name);
+    if (!module) continue;
+    for (const auto& event : module->moduleInfo().events) {
+      documented.emplace(event.key, std::make_pair(name, event.description));
+    }
+  }
+  nlohmann::json keys = nlohmann::json::array();
+  for (const auto& key : store->getDataList("")) {
+    auto found = documented.find(key);
+    if (found == documented.end()) {
+      keys.push_back({{"key", key}, {"module", nullptr}, {"description", ""}});
+    } else {
+      keys.push_back(
+          {{"key", key}, {"module", found->second.first}, {"description", found->second.second}});
+    }
+  }
+  reply(request, std::move(keys));
 }
 
 // Events and signals ---------------------------------------------------------------------------
@@ -544,30 +643,66 @@ void RpcSession::disconnect(const Request& request) {
 
 // Answers ----------------------------------------------------------------------------------------
 
-void RpcSession::reply(const Request& request, nlohmann::json result) {
-  if (!request.expectsAnswer) return;
-  emit({{"jsonrpc", "2.0"}, {"id", request.id}, {"result", std::move(result)}});
+int errorCode(const ZR::ZRCallOutcome& outcome) {
+  return outcome.badArguments ? rpcerror::InvalidParams : rpcerror::CallFailed;
+}
+
+void RpcSession::reply(const Request& request, nlohmann::json result,
+                       std::function<void()> afterAnswer) {
+  answer(request, {{"jsonrpc", "2.0"}, {"id", request.id}, {"result", std::move(result)}},
+         std::move(afterAnswer));
 }
 
 void RpcSession::fail(const Request& request, int code, const std::string& message,
                       nlohmann::json data) {
   KO_LOG(logCategory(), ko::log::verbose, "fail")
       << (request.method.empty() ? std::string("request") : request.method) << ": " << message;
-  if (!request.expectsAnswer) return;
   nlohmann::json error = {{"code", code}, {"message", message}};
   if (!data.is_null()) error["data"] = std::move(data);
-  emit({{"jsonrpc", "2.0"}, {"id", request.id}, {"error", std::move(error)}});
+  answer(request, {{"jsonrpc", "2.0"}, {"id", request.id}, {"error", std::move(error)}});
 }
 
 void RpcSession::failWithOutcome(const Request& request, const ZR::ZRCallOutcome& outcome) {
-  if (!request.expectsAnswer) return;
-  nlohmann::json error;
   if (outcome.error) {
-    error = errorObject(rpcerror::CallFailed, *outcome.error);
-  } else {
-    error = {{"code", rpcerror::CallFailed}, {"message", outcome.otherError}};
+    failWithError(request, errorCode(outcome), *outcome.error);
+    return;
   }
-  emit({{"jsonrpc", "2.0"}, {"id", request.id}, {"error", std::move(error)}});
+  answer(request, {{"jsonrpc", "2.0"},
+                   {"id", request.id},
+                   {"error", {{"code", errorCode(outcome)}, {"message", outcome.otherError}}}});
+}
+
+void RpcSession::failWithError(const Request& request, int code, const ZR::ZRError& error) {
+  answer(request, {{"jsonrpc", "2.0"}, {"id", request.id}, {"error", errorObject(code, error)}});
+}
+
+void RpcSession::answer(const Request& request, nlohmann::json message,
+                        std::function<void()> afterAnswer) {
+  if (!request.expectsAnswer) {
+    if (afterAnswer) afterAnswer();
+    return;
+  }
+  if (!request.batch) {
+    emit(message);
+    if (afterAnswer) afterAnswer();
+    return;
+  }
+  Batch& batch = *request.batch;
+  nlohmann::json answers = nlohmann::json::array();
+  std::vector<std::function<void()>> after;
+  {
+    std::lock_guard<std::mutex> lock(batch.mutex);
+    if (batch.unanswered == 0) return;  // sent already: a member cannot be answered twice
+    if (!message.is_null()) batch.answers[request.place] = std::move(message);
+    if (afterAnswer) batch.afterAnswer.push_back(std::move(afterAnswer));
+    if (--batch.unanswered > 0) return;
+    for (auto& kept : batch.answers) {
+      if (!kept.is_null()) answers.push_back(std::move(kept));
+    }
+    after.swap(batch.afterAnswer);
+  }
+  if (!answers.empty()) emit(answers);
+  for (auto& fn : after) fn();
 }
 
 void RpcSession::notify(const std::string& method, nlohmann::json params) {

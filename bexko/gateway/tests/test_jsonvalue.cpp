@@ -42,12 +42,15 @@ TEST(JsonNestingDepth, CountsArraysAndObjectsOutsideStringsUpToJustPastTheLimit)
   EXPECT_EQ(jsonNestingDepth(std::string(100000, '['), 64), 65u);
 }
 
-TEST(ModuleInfoJson, KeepsMethodsInOrderWithReturnsAndExamples) {
+TEST(ModuleInfoJson, KeepsMethodsAndEventsInOrderWithReturnsAndExamples) {
   const ZR::ZRMethodInfo say{"say", "ZRTest", "Says", {{"text", "Text"}}, false, {}, {}};
   const ZR::ZRMethodInfo get{"get", "ZRTest", "Gets", {}, true, {"v", "Volume"}, {{"py", "a\n"}}};
-  const ZR::ZRModuleInfo info{"ZRTest", "A module", {{"py", "t"}}, {say, get}, {"changed"}};
+  const ZR::ZRModuleInfo info{"ZRTest",   "A module",  {{"py", "t"}},
+                              {say, get}, {"changed"}, {{"ZRTest/B", "int: b"}, {"ZRTest/A", "a"}}};
   EXPECT_EQ(toJson(info), json::parse(R"({
     "name": "ZRTest", "description": "A module", "signals": ["changed"],
+    "events": [{"key": "ZRTest/B", "description": "int: b"},
+               {"key": "ZRTest/A", "description": "a"}],
     "examples": [{"language": "py", "text": "t"}],
     "methods": [
       {"name": "say", "description": "Says", "return": null, "examples": [],

@@ -8,12 +8,14 @@
 #include <mutex>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include <bexko/testing/testhost.h>
 #include <ko/signal.h>
+#include <ko/version.h>
 #include <zr/zrerror.h>
 
 namespace bexko {
@@ -50,7 +52,8 @@ class Outbox {
   /// The params of the first notification of `method` whose params hold `key`: `value`.
   json notification(const std::string& method, const std::string& key, const json& value) {
     return waitFor([&](const json& f) {
-      return f.value("method", "") == method && f["params"].value(key, json()) == value;
+      return f.is_object() && f.value("method", "") == method &&
+             f["params"].value(key, json()) == value;
     })["params"];
   }
   std::vector<json> frames() {
@@ -120,7 +123,6 @@ TEST_F(RpcSessionTest, EveryBadInputIsAnsweredWithItsErrorAndTheSessionGoesOn) {
   // deep a nesting, an unknown method, an argument that does not convert and a failing call.
   const Case cases[] = {
       {"not json {", ParseError, nullptr},
-      {R"([{"jsonrpc":"2.0","id":1,"method":"bexko.modules"}])", InvalidRequest, nullptr},
       {"42", InvalidRequest, nullptr},
       {R"({"jsonrpc":"2.0","id":{},"method":"ZRFake.nothing"})", InvalidRequest, nullptr},
       {R"({"jsonrpc":"1.0","id":1,"method":"ZRFake.nothing"})", InvalidRequest, 1},
@@ -132,8 +134,12 @@ TEST_F(RpcSessionTest, EveryBadInputIsAnsweredWithItsErrorAndTheSessionGoesOn) {
       {request(7, "NoSuch.thing", nullptr), MethodNotFound},
       {request(7, "bexko.nothing", nullptr), MethodNotFound},
       {request(7, "ZRFake.echo", {{"a", 1}}), InvalidParams},
+      {request(7, "ZRFake.echo", json::array()), InvalidParams},
+      {request(7, "ZRFake.echo", {1, 2}), InvalidParams},
       {request(7, "bexko.post", nullptr), InvalidParams},
       {request(7, "bexko.post", {{"module", "ZRFake"}, {"method", "nope"}}), MethodNotFound},
+      {request(7, "bexko.post", {{"module", "ZRFake"}, {"method", "nope"}, {"args", "x"}}),
+       MethodNotFound},
       {request(7, "bexko.post", {{"module", "ZRFake"}, {"method", "echo"}, {"args", "x"}}),
        InvalidParams},
       {request(7, "bexko.stop", {{"module", "ZRFake"}}), InvalidParams},
@@ -236,6 +242,301 @@ TEST_F(RpcSessionTest, SubscribedKeysAndConnectedSignalsAreNotifiedUntilUndoneOr
   EXPECT_EQ(std::count_if(frames.begin(), frames.end(),
                           [](const json& f) { return f.value("method", "") == "bexko.event"; }),
             1);
+}
+
+TEST_F(RpcSessionTest, KeysListTheStoreWithWhatTheModulesSayOfThem) {
+  fake_->addModuleEvent("ZRFake/Done", "int: 1 once done");
+  fake_->addModuleEvent("ZRFake/Never", "documented, never declared");
+  auto& memory = *host_.services().memory;
+  memory.declareEvent("ZRFake/Done");
+  memory.insertData("Client/Key", ZRValue(1));
+  const json keys = call(1, "bexko.keys", nullptr)["result"];
+  ASSERT_TRUE(keys.is_array()) << keys.dump();
+  auto entry = [&](const std::string& key) {
+    auto it =
+        std::find_if(keys.begin(), keys.end(), [&](const json& k) { return k["key"] == key; });
+    return it == keys.end() ? json() : *it;
+  };
+  EXPECT_EQ(
+      entry("ZRFake/Done"),
+      json({{"key", "ZRFake/Done"}, {"module", "ZRFake"}, {"description", "int: 1 once done"}}));
+  EXPECT_EQ(entry("Client/Key"),
+            json({{"key", "Client/Key"}, {"module", nullptr}, {"description", ""}}));
+  EXPECT_TRUE(entry("ZRFake/Never").is_null());
+  EXPECT_TRUE(std::is_sorted(keys.begin(), keys.end(), [](const json& a, const json& b) {
+    return a["key"].get<std::string>() < b["key"].get<std::string>();
+  }));
+  EXPECT_EQ(call(2, "bexko.describe", {{"module", "ZRFake"}})["result"]["events"],
+            json::parse(R"([{"key": "ZRFake/Done", "description": "int: 1 once done"},
+                            {"key": "ZRFake/Never", "description": "documented, never declared"}])"));
+  EXPECT_EQ(call(3, "bexko.version", nullptr)["result"], ko::kVersion);
+}
+
+// Arguments -------------------------------------------------------------------------------------
+
+TEST_F(RpcSessionTest, ArgumentsAMethodCannotTakeAreInvalidParamsAndItsOwnFailuresAreNot) {
+  // A method that calls another one with a wrong argument count fails itself: its caller's
+  // arguments were fine.
+  auto broker = host_.broker();
+  fake_->addMethod("relay", 0,
+                   [broker](const auto&) { return broker->call("ZRMemory", "getData", {}); });
+  struct Case {
+    std::string method;
+    json params;
+    int code;
+    std::string message;  // its beginning
+    std::string module;   // of the error's data
+  };
+  const Case cases[] = {
+      {"ZRFake.add", {1}, rpcerror::InvalidParams, "ZRFake.add takes 2 arguments, not 1", "ZRFake"},
+      {"ZRFake.nothing",
+       {1},
+       rpcerror::InvalidParams,
+       "ZRFake.nothing takes 0 arguments, not 1",
+       "ZRFake"},
+      {"ZRMemory.getData", {5}, rpcerror::InvalidParams, "argument 1: ", "ZRMemory"},
+      {"ZRMemory.insertData",
+       {"Key", 1, 2},
+       rpcerror::InvalidParams,
+       "ZRMemory.insertData takes 2 arguments, not 3",
+       "ZRMemory"},
+      {"ZRMemory.getData",
+       {"No/Such/Key"},
+       rpcerror::CallFailed,
+       "There is no data under the key \"No/Such/Key\"",
+       "ZRMemory"},
+      {"ZRFake.relay", json::array(), rpcerror::CallFailed,
+       "ZRMemory.getData takes 1 argument, not 0", "ZRMemory"}};
+  int id = 0;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.method + " " + c.params.dump());
+    const json error = call(++id, c.method, c.params)["error"];
+    EXPECT_EQ(error["code"], c.code) << error.dump();
+    EXPECT_EQ(error["message"].get<std::string>().rfind(c.message, 0), 0u) << error.dump();
+    EXPECT_EQ(error["data"]["module"], c.module) << error.dump();
+  }
+  // A posted call refused for its arguments ends with the same error.
+  const json posted =
+      call(++id, "bexko.post", {{"module", "ZRFake"}, {"method", "add"}, {"args", {1}}});
+  EXPECT_EQ(outbox_.notification("bexko.done", "id", posted["result"]["id"])["error"]["code"],
+            rpcerror::InvalidParams);
+}
+
+// The examples of the JSON-RPC 2.0 specification -------------------------------------------------
+
+/// An answer with the message and data of every error left out, once checked to be there: the
+/// examples fix codes and ids, the messages are ours.
+json withoutErrorTexts(json answer) {
+  auto strip = [](json& one) {
+    if (!one.is_object() || !one.contains("error")) return;
+    EXPECT_TRUE(one["error"]["message"].is_string()) << one.dump();
+    EXPECT_FALSE(one["error"]["message"].get<std::string>().empty()) << one.dump();
+    one["error"].erase("message");
+    one["error"].erase("data");
+  };
+  if (answer.is_array()) {
+    for (auto& one : answer) strip(one);
+  } else {
+    strip(answer);
+  }
+  return answer;
+}
+
+class JsonRpcExamplesTest : public RpcSessionTest {
+ protected:
+  void SetUp() override {
+    RpcSessionTest::SetUp();
+    // The methods of the examples, on a module of their own.
+    example_ = &host_.addFakeModule("ZRExample");
+    example_->addMethod("subtract", 2,
+                        [](const auto& a) { return ZRValue(a[0].toInt() - a[1].toInt()); });
+    example_->addMethod("sum", 3, [](const auto& a) {
+      return ZRValue(a[0].toInt() + a[1].toInt() + a[2].toInt());
+    });
+    example_->addMethod("update", 5);
+    example_->addMethod("notifyHello", 1);
+    example_->addMethod("notifySum", 3);
+    example_->addMethod("getData", 0, [](const auto&) {
+      return ZRValue(ZRValue::Array{ZRValue("hello"), ZRValue(5)});
+    });
+  }
+  testing::FakeModule* example_ = nullptr;
+};
+
+TEST_F(JsonRpcExamplesTest, EveryExampleExchangeIsAnsweredAsTheSpecificationShows) {
+  struct Case {
+    const char* name;
+    std::string sent;
+    const char* answer;               // nullptr: no answer at all
+    std::vector<std::string> served;  // methods of ZRExample that must have been called
+  };
+  const Case cases[] = {
+      {"positional params",
+       R"({"jsonrpc": "2.0", "method": "ZRExample.subtract", "params": [42, 23], "id": 1})",
+       R"({"jsonrpc": "2.0", "result": 19, "id": 1})",
+       {"subtract"}},
+      {"positional params, swapped",
+       R"({"jsonrpc": "2.0", "method": "ZRExample.subtract", "params": [23, 42], "id": 2})",
+       R"({"jsonrpc": "2.0", "result": -19, "id": 2})",
+       {"subtract"}},
+      // Methods take positional arguments only; named ones are refused as Invalid params.
+      {"named params",
+       R"({"jsonrpc": "2.0", "method": "ZRExample.subtract", "params": {"subtrahend": 23, "minuend": 42}, "id": 3})",
+       R"({"jsonrpc": "2.0", "error": {"code": -32602}, "id": 3})",
+       {}},
+      {"named params, swapped",
+       R"({"jsonrpc": "2.0", "method": "ZRExample.subtract", "params": {"minuend": 42, "subtrahend": 23}, "id": 4})",
+       R"({"jsonrpc": "2.0", "error": {"code": -32602}, "id": 4})",
+       {}},
+      {"notification",
+       R"({"jsonrpc": "2.0", "method": "ZRExample.update", "params": [1,2,3,4,5]})",
+       nullptr,
+       {"update"}},
+      {"notification of a method that does not exist",
+       R"({"jsonrpc": "2.0", "method": "ZRExample.foobar"})",
+       nullptr,
+       {}},
+      {"non-existent method",
+       R"({"jsonrpc": "2.0", "method": "ZRExample.foobar", "id": "1"})",
+       R"({"jsonrpc": "2.0", "error": {"code": -32601}, "id": "1"})",
+       {}},
+      {"invalid JSON",
+       R"({"jsonrpc": "2.0", "method": "foobar, "params": "bar", "baz])",
+       R"({"jsonrpc": "2.0", "error": {"code": -32700}, "id": null})",
+       {}},
+      {"invalid Request object",
+       R"({"jsonrpc": "2.0", "method": 1, "params": "bar"})",
+       R"({"jsonrpc": "2.0", "error": {"code": -32600}, "id": null})",
+       {}},
+      {"batch, invalid JSON",
+       R"([
+        {"jsonrpc": "2.0", "method": "ZRExample.sum", "params": [1,2,4], "id": "1"},
+        {"jsonrpc": "2.0", "method"
+      ])",
+       R"({"jsonrpc": "2.0", "error": {"code": -32700}, "id": null})",
+       {}},
+      {"empty array", "[]", R"({"jsonrpc": "2.0", "error": {"code": -32600}, "id": null})", {}},
+      {"invalid batch, not empty",
+       "[1]",
+       R"([{"jsonrpc": "2.0", "error": {"code": -32600}, "id": null}])",
+       {}},
+      {"invalid batch",
+       "[1,2,3]",
+       R"([
+        {"jsonrpc": "2.0", "error": {"code": -32600}, "id": null},
+        {"jsonrpc": "2.0", "error": {"code": -32600}, "id": null},
+        {"jsonrpc": "2.0", "error": {"code": -32600}, "id": null}])",
+       {}},
+      {"rpc call batch",
+       R"([
+        {"jsonrpc": "2.0", "method": "ZRExample.sum", "params": [1,2,4], "id": "1"},
+        {"jsonrpc": "2.0", "method": "ZRExample.notifyHello", "params": [7]},
+        {"jsonrpc": "2.0", "method": "ZRExample.subtract", "params": [42,23], "id": "2"},
+        {"foo": "boo"},
+        {"jsonrpc": "2.0", "method": "foo.get", "params": {"name": "myself"}, "id": "5"},
+        {"jsonrpc": "2.0", "method": "ZRExample.getData", "id": "9"}
+      ])",
+       R"([
+        {"jsonrpc": "2.0", "result": 7, "id": "1"},
+        {"jsonrpc": "2.0", "result": 19, "id": "2"},
+        {"jsonrpc": "2.0", "error": {"code": -32600}, "id": null},
+        {"jsonrpc": "2.0", "error": {"code": -32601}, "id": "5"},
+        {"jsonrpc": "2.0", "result": ["hello", 5], "id": "9"}])",
+       {"sum", "notifyHello", "subtract", "getData"}},
+      {"rpc call batch, all notifications",
+       R"([
+        {"jsonrpc": "2.0", "method": "ZRExample.notifySum", "params": [1,2,4]},
+        {"jsonrpc": "2.0", "method": "ZRExample.notifyHello", "params": [7]}
+      ])",
+       nullptr,
+       {"notifySum", "notifyHello"}}};
+
+  const std::string probe = request("probe", "ZRExample.subtract", {1, 1});
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    example_->clearCalls();
+    Outbox outbox;
+    auto session = RpcSession::create(host_.broker(), outbox.sender(), limits_);
+    session->handleText(c.sent);
+    if (c.answer) {
+      const json answer = outbox.waitFor([](const json&) { return true; });
+      EXPECT_EQ(withoutErrorTexts(answer), json::parse(c.answer));
+    }
+    for (const auto& method : c.served) {
+      EXPECT_TRUE(example_->waitForCalls(method, 1, 5000)) << method;
+    }
+    // Once its calls are over, a later request's answer must be the only other frame: nothing
+    // else came for this exchange.
+    for (int i = 0; i < 500 && session->callsInFlight() > 0; ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    session->handleText(probe);
+    EXPECT_EQ(outbox.answer("probe")["result"], 0);
+    EXPECT_EQ(outbox.frames().size(), c.answer ? 2u : 1u);
+  }
+}
+
+// Batches ---------------------------------------------------------------------------------------
+
+TEST_F(RpcSessionTest, ABatchBeyondItsBoundIsRefusedWholeBeforeAnyOfItRuns) {
+  limits_.maxBatchRequests = 3;
+  session_ = RpcSession::create(host_.broker(), outbox_.sender(), limits_);
+  json batch = json::array();
+  for (int i = 0; i < 4; ++i) batch.push_back(json::parse(request(i, "ZRFake.echo", {i})));
+  session_->handleText(batch.dump());
+  const json refused = outbox_.waitFor([](const json&) { return true; });
+  EXPECT_EQ(refused["id"], nullptr);
+  EXPECT_EQ(refused["error"]["code"], rpcerror::InvalidRequest);
+  EXPECT_EQ(refused["error"]["message"],
+            "Invalid Request: a batch holds at most 3 requests, not 4");
+  batch.erase(batch.begin());
+  session_->handleText(batch.dump());
+  const json answered = outbox_.waitFor([](const json& frame) { return frame.is_array(); });
+  ASSERT_EQ(answered.size(), 3u);
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(answered[i]["result"], i + 1);
+  EXPECT_EQ(fake_->calls("echo").size(), 3u);  // only the batch that fits ran
+}
+
+TEST_F(RpcSessionTest, ABatchIsAnsweredInItsOwnOrderOnceItsSlowestMemberIsDone) {
+  std::promise<void> release;
+  fake_->addMethod("block", 0, [released = release.get_future().share()](const auto&) {
+    released.wait();
+    return ZRValue("released");
+  });
+  session_->handleText(json::array({json::parse(request("slow", "ZRFake.block", nullptr)),
+                                    json::parse(request("quick", "ZRFake.echo", {1}))})
+                           .dump());
+  ASSERT_TRUE(fake_->waitForCalls("echo", 1, 5000));
+  ASSERT_TRUE(fake_->waitForCalls("block", 1, 5000));
+  EXPECT_TRUE(outbox_.frames().empty());  // the quick answer waits for the slow one
+  release.set_value();
+  const json answered = outbox_.waitFor([](const json& frame) { return frame.is_array(); });
+  ASSERT_EQ(answered.size(), 2u);
+  EXPECT_EQ(answered[0]["id"], "slow");
+  EXPECT_EQ(answered[1]["id"], "quick");
+}
+
+TEST_F(RpcSessionTest, PostsAndSubscriptionsInABatchWorkAsAlone) {
+  auto& memory = *host_.services().memory;
+  session_->handleText(
+      json::array(
+          {json::parse(request(1, "bexko.post",
+                               {{"module", "ZRFake"}, {"method", "add"}, {"args", {1, 2}}})),
+           json::parse(request(2, "bexko.subscribe", {{"key", "Batch/Key"}})),
+           json::parse(request(3, "bexko.version", nullptr))})
+          .dump());
+  const json answered = outbox_.waitFor([](const json& frame) { return frame.is_array(); });
+  ASSERT_EQ(answered.size(), 3u);
+  const json id = answered[0]["result"]["id"];
+  ASSERT_TRUE(id.is_number_integer()) << answered.dump();
+  EXPECT_EQ(answered[1]["result"], nullptr);
+  EXPECT_EQ(answered[2]["result"], ko::kVersion);
+  // The end of the posted call is told after the answer that gave its id.
+  EXPECT_EQ(outbox_.notification("bexko.done", "id", id), json({{"id", id}, {"result", 3}}));
+  const auto frames = outbox_.frames();
+  EXPECT_TRUE(frames[0].is_array()) << frames[0].dump();
+  memory.raiseEvent("Batch/Key", ZRValue(4));
+  EXPECT_EQ(outbox_.notification("bexko.event", "key", "Batch/Key")["value"], 4);
 }
 
 }  // namespace

@@ -235,6 +235,10 @@ PackageManager::PackageManager(boost::shared_ptr<ZR::ZRBroker> broker)
                    "packages = ZRProxy(\"PackageManager\")\n"
                    "for package in packages.packages():\n"
                    "    print(package)");
+  addModuleEvent("packageInstalled",
+                 "the description of a package (as packages() gives it), once it is installed.");
+  addModuleEvent("packageRemoved",
+                 "the description of a package (as packages() gave it), once it is removed.");
 
   functionName("packages", getName(), "Returns the installed packages.");
   setReturn("packages",

@@ -182,7 +182,17 @@ class Client:
         return self.request("bexko.modules")
 
     def describe(self, module):
+        """The published documentation of `module`: its methods, signals and event keys."""
         return self.request("bexko.describe", {"module": module})
+
+    def keys(self):
+        """The keys of the host's event store, in name order, each as {"key", "module",
+        "description"}: the module that documents it (None when none does) and what it says."""
+        return self.request("bexko.keys")
+
+    def version(self):
+        """The version of the host."""
+        return self.request("bexko.version")
 
     # Events and signals -------------------------------------------------------------------------
 
@@ -288,7 +298,10 @@ class Client:
                     break
                 if opcode != websocket.ABNF.OPCODE_TEXT:
                     continue
-                self._handle(json.loads(data.decode("utf-8")))
+                message = json.loads(data.decode("utf-8"))
+                # The answer to a batch is an array of answers.
+                for one in message if isinstance(message, list) else [message]:
+                    self._handle(one)
         except Exception as e:
             with self._lock:
                 if not self._closed:

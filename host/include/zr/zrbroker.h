@@ -31,6 +31,9 @@ struct ZRCallOutcome {
   ZRValue value;                 ///< its result (empty for void)
   std::optional<ZRError> error;  ///< the ZRError it threw, if any
   std::string otherError;        ///< the what() of any other exception it threw
+  /// The call was refused before the method ran: no overload of the method takes that many
+  /// arguments, or an argument does not convert to its parameter's type (`error` says which).
+  bool badArguments = false;
 };
 
 using ZRCallCallback = std::function<void(const ZRCallOutcome&)>;

@@ -16,8 +16,15 @@ struct ZRParameterInfo {
 struct ZRExampleInfo {
   std::string language;
   std::string text;
-  bool operator==(const ZRExampleInfo& o) const {
-    return language == o.language && text == o.text;
+  bool operator==(const ZRExampleInfo& o) const { return language == o.language && text == o.text; }
+};
+
+/// An event key of the store "ZRMemory" that a module declares and raises, as it documents it.
+struct ZREventInfo {
+  std::string key;
+  std::string description;
+  bool operator==(const ZREventInfo& o) const {
+    return key == o.key && description == o.description;
   }
 };
 
@@ -35,13 +42,14 @@ struct ZRMethodInfo {
 };
 
 /// The published documentation of a module: its methods in registration order, overloads as
-/// separate entries.
+/// separate entries, and the event keys it documents, in the order it documented them.
 struct ZRModuleInfo {
   std::string name;
   std::string description;
   std::vector<ZRExampleInfo> examples;
   std::vector<ZRMethodInfo> methods;
   std::vector<std::string> signals;
+  std::vector<ZREventInfo> events;
 };
 
 }  // namespace ZR

@@ -60,6 +60,10 @@ class BEXKO_API ZRModuleCore : public boost::enable_shared_from_this<ZRModuleCor
   // Documentation -----------------------------------------------------------------------------
   void setModuleDescription(const std::string& description);
   void addModuleExample(const std::string& language, const std::string& text);
+  /// Documents an event key of the store "ZRMemory" that the module declares and raises: what
+  /// its values are and when they come. Documenting a key again replaces its description.
+  /// Documentation only: the key is declared in the store by declareEvent, as before.
+  void addModuleEvent(const std::string& key, const std::string& description);
   /// Starts the description of one published method; `flags` is unused.
   void functionName(const std::string& name, const std::string& moduleName,
                     const std::string& description, int flags = 0);

@@ -36,7 +36,7 @@ std::size_t jsonNestingDepth(const std::string& text, std::size_t limit);
 
 /// The documentation of a module in the gateway's form:
 /// {"name", "description", "examples", "methods": [{"name", "description", "parameters",
-/// "return" (or null), "examples"}]}.
+/// "return" (or null), "examples"}], "signals": [name], "events": [{"key", "description"}]}.
 nlohmann::json toJson(const ZR::ZRModuleInfo& info);
 
 }  // namespace gateway

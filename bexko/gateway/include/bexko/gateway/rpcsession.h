@@ -41,15 +41,26 @@ struct RpcLimits {
   std::size_t maxCallsInFlight = 256;
   /// Memory keys one connection may follow at once (bexko.subscribe).
   std::size_t maxSubscriptions = 4096;
+  /// Requests in one batch; a longer batch is refused whole, before any of it runs.
+  std::size_t maxBatchRequests = 256;
 };
 
 /// The JSON-RPC 2.0 side of one client connection, independent of the transport.
 ///
-/// Each text frame given to handleText is one request. Module calls ("<Module>.<method>") run
-/// on host threads through the broker, so that calls of one connection run concurrently and a
-/// stopAll can interrupt a say sent earlier on the same connection; their responses arrive in
-/// completion order. The host's own operations carry the prefix "bexko." (post, stop,
-/// modules, describe, subscribe, unsubscribe, connect, disconnect).
+/// Each text frame given to handleText is one request, or a batch: an array of requests. Module
+/// calls ("<Module>.<method>") run on host threads through the broker, so that calls of one
+/// connection run concurrently and a stopAll can interrupt a say sent earlier on the same
+/// connection; their responses arrive in completion order. The host's own operations carry
+/// the prefix "bexko." (post, stop, modules, describe, subscribe, unsubscribe, connect,
+/// disconnect, keys, version).
+///
+/// The members of a batch run as if each had come in a frame of its own, in array order and
+/// concurrently; the batch is answered by one frame, an array holding the answer of every
+/// member that has an id, in array order, sent once the last of them is known. Notifications
+/// in a batch are never answered, and a batch of notifications only is answered with nothing.
+/// An empty batch, or one beyond RpcLimits::maxBatchRequests, is one Invalid Request error.
+/// The bexko.done notification of a call posted in a batch comes after the batch's answer,
+/// which holds its id; events of a key subscribed in a batch may come before it.
 ///
 /// Every answer and notification leaves through the Sender given at creation, which must be
 /// safe to call from any thread and keep the order of its calls. After close() nothing is sent
@@ -77,11 +88,15 @@ class RpcSession : public std::enable_shared_from_this<RpcSession> {
   std::size_t callsInFlight() const { return callsInFlight_.load(); }
 
  private:
+  struct Batch;
   struct Request {
     nlohmann::json id;
     bool expectsAnswer = false;
     std::string method;
     nlohmann::json params;
+    /// The batch the request came in (null for a request of its own) and its place there.
+    std::shared_ptr<Batch> batch;
+    std::size_t place = 0;
   };
   struct SignalConnection {
     ko::Object object;
@@ -90,6 +105,10 @@ class RpcSession : public std::enable_shared_from_this<RpcSession> {
 
   RpcSession(boost::shared_ptr<ZR::ZRBroker> broker, Sender send, RpcLimits limits);
 
+  /// Fills `request` from one request object, or says why it is not one; `request.id` is then
+  /// the id to answer the error with.
+  static bool readRequest(const nlohmann::json& message, Request& request, std::string& problem);
+  void handleBatch(const nlohmann::json& members);
   void dispatch(const Request& request);
   void callModule(const Request& request, const std::string& module, const std::string& method);
   void post(const Request& request);
@@ -99,14 +118,21 @@ class RpcSession : public std::enable_shared_from_this<RpcSession> {
   void unsubscribe(const Request& request);
   void connect(const Request& request);
   void disconnect(const Request& request);
+  void keys(const Request& request);
 
   boost::shared_ptr<services::Memory> memory() const;
   bool reserveCall(const Request& request);
 
-  void reply(const Request& request, nlohmann::json result);
+  /// Answers `request` with `result`; `afterAnswer` (optional) runs once the answer has left
+  /// (at once for a notification, after the whole batch's frame for a member of a batch).
+  void reply(const Request& request, nlohmann::json result, std::function<void()> afterAnswer = {});
   void fail(const Request& request, int code, const std::string& message,
             nlohmann::json data = nullptr);
   void failWithOutcome(const Request& request, const ZR::ZRCallOutcome& outcome);
+  void failWithError(const Request& request, int code, const ZR::ZRError& error);
+  /// Sends the answer `message` of `request`, or keeps it for its batch.
+  void answer(const Request& request, nlohmann::json message,
+              std::function<void()> afterAnswer = {});
   void notify(const std::string& method, nlohmann::json params);
   void emit(const nlohmann::json& message);
 
@@ -126,6 +152,10 @@ class RpcSession : public std::enable_shared_from_this<RpcSession> {
   // those waiting for a module's fair lock stop waiting, since nobody can read their answers.
   ko::CallCancellationPtr callerGone_ = std::make_shared<ko::CallCancellation>();
 };
+
+/// The error code of a call's failure: InvalidParams when the call was refused for its
+/// arguments (count or type), else CallFailed.
+int errorCode(const ZR::ZRCallOutcome& outcome);
 
 /// The JSON-RPC error object of a ZRError: message what(), data {module, method, description}.
 nlohmann::json errorObject(int code, const ZR::ZRError& error);
