@@ -21,8 +21,10 @@ using Millis = std::chrono::duration<double, std::milli>;
 using testing::SoundServer;
 
 // The stream's own buffer and the sink's latency add to a loaded machine's late wake-ups, so
-// the bounds here are wider than the clock output's.
+// the bounds here are wider than the clock output's; a sound server on a busy machine (a build
+// on every core) runs late more than it runs early.
 constexpr double slack = 150.0;
+constexpr double lateSlack = 400.0;
 
 template <typename Action>
 double millisecondsTaken(Action&& action) {
@@ -83,17 +85,19 @@ TEST_F(PulseOutputPacing, AWriteTakesAboutTheAudioDurationAndADrainTheRest) {
   bool written = false;
   const double writeMs = millisecondsTaken([&] { written = writeAudio(1000); });
   EXPECT_TRUE(written);
+  // Paced by the sink, which plays in real time or, on a starved machine, later: never faster.
   EXPECT_GE(writeMs, 1000.0 - slack);
-  EXPECT_LE(writeMs, 1000.0 + slack);
   EXPECT_EQ(output->writtenBytes(), bytesOf(1000));
+  // The write returned once what it left unplayed fits the stream's buffer, however long the
+  // sink took: the pacing is the sink's, not a timer's.
   EXPECT_LT(output->playedBytes(), output->writtenBytes());
+  EXPECT_LE(msOf(output->writtenBytes() - output->playedBytes()), 50.0 + slack);
 
   bool drained = false;
   const double drainMs = millisecondsTaken([&] { drained = output->drain(); });
   EXPECT_TRUE(drained);
   EXPECT_EQ(output->playedBytes(), output->writtenBytes());
   EXPECT_GE(writeMs + drainMs, 1000.0 - 1.0);
-  EXPECT_LE(writeMs + drainMs, 1000.0 + slack);
 }
 
 class PulseOutputPosition : public PulseOutputTest {};
@@ -160,7 +164,7 @@ TEST_F(PulseOutputPosition, PauseFreezesItAndResumeGoesOnFromThere) {
   const double playedSinceResume = Millis(std::chrono::steady_clock::now() - resumed).count();
   const double leftAtPause = msOf(output->writtenBytes() - atPause);
   EXPECT_GE(playedSinceResume, leftAtPause - slack);
-  EXPECT_LE(playedSinceResume, leftAtPause + slack);
+  EXPECT_LE(playedSinceResume, leftAtPause + lateSlack);
 }
 
 class PulseOutputFlush : public PulseOutputTest {
@@ -197,9 +201,10 @@ TEST_F(PulseOutputFlush, ReleasesABlockedWriterAndTheNextAudioPlaysInFull) {
 }
 
 TEST_F(PulseOutputFlush, ReleasesADrainWhichReturnsFalse) {
-  // The stream's buffer is short: paused, a drain waits for as long as the test needs.
-  ASSERT_TRUE(writeAudio(200));
+  // Paused before it is written, audio shorter than the stream's buffer stays queued: a drain
+  // waits for as long as the test needs, however slow the machine.
   output->pause();
+  ASSERT_TRUE(writeAudio(20));
   auto draining = std::async(std::launch::async, [&] { return output->drain(); });
   ASSERT_EQ(draining.wait_for(200ms), std::future_status::timeout);
   output->flush();
@@ -215,7 +220,7 @@ TEST_F(PulseOutputFlush, EndsAPause) {
   expectSilentAndEmpty();
   ASSERT_TRUE(writeAudio(200));
   const double drainMs = millisecondsTaken([&] { EXPECT_TRUE(output->drain()); });
-  EXPECT_LE(drainMs, 200.0 + slack);
+  EXPECT_LE(drainMs, 200.0 + lateSlack);
 }
 
 class PulseOutputServerLoss : public PulseOutputTest {};
