@@ -281,6 +281,11 @@ void ZRBroker::callAsync(const std::string& module, const std::string& method,
   }
 }
 
+ZRCallOutcome ZRBroker::callNow(const std::string& module, const std::string& method,
+                                const std::vector<ZRValue>& args) {
+  return impl_->runCall(module, method, args, 0, bexko::detail::stampArrival());
+}
+
 ZRPostedCall ZRBroker::post(const std::string& module, const std::string& method,
                             std::vector<ZRValue> args, ZRCallCallback done) {
   ko::Promise<ZRValue> promise;

@@ -57,6 +57,7 @@ struct ZRModuleCore::Impl {
   std::vector<ZREventInfo> events;  // documentation order
   std::vector<Method> methods;      // registration order
   std::set<std::string> promptMethods;
+  std::set<std::string> quickMethods;  // also in promptMethods
   ZRMethodInfo current;
 };
 
@@ -255,6 +256,17 @@ void ZRModuleCore::setMethodPrompt(const std::string& name) {
 bool ZRModuleCore::isMethodPrompt(const std::string& name) const {
   std::lock_guard<std::mutex> lock(impl_->mutex);
   return impl_->promptMethods.count(name) > 0;
+}
+
+void ZRModuleCore::setMethodQuick(const std::string& name) {
+  std::lock_guard<std::mutex> lock(impl_->mutex);
+  impl_->promptMethods.insert(name);
+  impl_->quickMethods.insert(name);
+}
+
+bool ZRModuleCore::isMethodQuick(const std::string& name) const {
+  std::lock_guard<std::mutex> lock(impl_->mutex);
+  return impl_->quickMethods.count(name) > 0;
 }
 
 bool ZRModuleCore::hasMethod(const std::string& method) const {

@@ -371,6 +371,13 @@ void ZRTextToSpeech::xPublishMethods() {
         "resetSpeed", "getVoice", "getAvailableVoices", "locale", "showVoiceSettings"}) {
     setMethodPrompt(method);
   }
+  // Reads of the service's own state, under a lock that is only ever held for a moment (not
+  // getParameter, which asks the engine's backend, busy while it synthesises): the host may
+  // answer them on the thread that received them.
+  for (const char* method : {"getVolume", "getLanguage", "getAvailableLanguages",
+                             "getSupportedLanguages", "getVoice", "getAvailableVoices", "locale"}) {
+    setMethodQuick(method);
+  }
 }
 
 }  // namespace ZR

@@ -322,6 +322,17 @@ void RpcSession::callModule(const Request& request, const std::string& module,
     fail(request, rpcerror::InvalidParams, problem);
     return;
   }
+  // A quick method answers at once: served here, on the transport's thread, it costs no
+  // hand-off to a host thread and back.
+  if (target->isMethodQuick(method)) {
+    const ZR::ZRCallOutcome outcome = broker_->callNow(module, method, args);
+    if (outcome.ok) {
+      reply(request, toJson(outcome.value));
+    } else {
+      failWithOutcome(request, outcome);
+    }
+    return;
+  }
   if (!reserveCall(request)) return;
   std::weak_ptr<RpcSession> weak = shared_from_this();
   broker_->callAsync(

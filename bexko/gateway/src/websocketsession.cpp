@@ -1,5 +1,7 @@
 #include "websocketsession.h"
 
+#include <thread>
+
 #include <boost/asio/post.hpp>
 
 #include <bexko/gateway/rpcsession.h>
@@ -87,7 +89,10 @@ void WebSocketSession::onRead(beast::error_code ec, std::size_t) {
     send(R"({"jsonrpc":"2.0","id":null,"error":{"code":-32600,"message":"Invalid Request: )"
          R"(send JSON-RPC requests as text frames"}})");
   } else {
+    // What the request answers at once is queued from here, on the session's own thread.
+    handlingThread_ = std::this_thread::get_id();
     rpc_->handleText(beast::buffers_to_string(buffer_.data()));
+    handlingThread_ = std::thread::id();
   }
   buffer_.consume(buffer_.size());
   read();
@@ -95,6 +100,13 @@ void WebSocketSession::onRead(beast::error_code ec, std::size_t) {
 
 void WebSocketSession::send(std::string text) {
   auto shared = std::make_shared<const std::string>(std::move(text));
+  // An answer made while a request is handled is already on the session's strand: queued at
+  // once, it goes out without a trip through the I/O queue (and possibly to the other I/O
+  // thread). Anything sent from another thread is posted to the strand.
+  if (handlingThread_.load(std::memory_order_relaxed) == std::this_thread::get_id()) {
+    onSend(std::move(shared));
+    return;
+  }
   net::post(ws_.get_executor(), [self = shared_from_this(), shared] { self->onSend(shared); });
 }
 

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <atomic>
+#include <thread>
+
 #include <cstddef>
 #include <deque>
 #include <memory>
@@ -44,6 +47,9 @@ class WebSocketSession : public std::enable_shared_from_this<WebSocketSession> {
   void end();
 
   boost::beast::websocket::stream<boost::beast::tcp_stream> ws_;
+  // The thread running this session's read handler while it hands a request to the RPC
+  // session (see send); no thread otherwise.
+  std::atomic<std::thread::id> handlingThread_{};
   boost::beast::flat_buffer buffer_;
   std::shared_ptr<SharedState> state_;
   std::unique_ptr<ConnectionSlot> slot_;  // the connection's place, freed with the session

@@ -295,6 +295,7 @@ Memory::Memory(boost::shared_ptr<ZR::ZRBroker> broker)
         "subscribeToMicroEvent", "unsubscribeToEvent", "unsubscribeToMicroEvent"}) {
     setMethodPrompt(method);
   }
+  for (const char* method : {"getData", "getDataList"}) setMethodQuick(method);
 }
 
 Memory::~Memory() = default;

@@ -95,6 +95,11 @@ class BEXKO_API ZRBroker : public boost::enable_shared_from_this<ZRBroker> {
   /// waits on a ko::FairMutex end with ko::CallCancelled; `done` still receives the outcome.
   void callAsync(const std::string& module, const std::string& method, std::vector<ZRValue> args,
                  ZRCallCallback done, ko::CallCancellationPtr cancellation = {});
+  /// Runs a call on this thread and returns its outcome instead of throwing: what callAsync
+  /// would deliver, without a hand-off to a host thread. For quick methods
+  /// (ZRModuleCore::setMethodQuick) whose callers must not wait for a thread.
+  ZRCallOutcome callNow(const std::string& module, const std::string& method,
+                        const std::vector<ZRValue>& args);
   /// Posts a call: returns its id at once and runs it on a host thread where isPCalled() is true
   /// and getMethodID() is the id; `done` (optional) receives the outcome there. An unknown
   /// module or method is reported through the outcome.

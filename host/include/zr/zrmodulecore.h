@@ -82,8 +82,15 @@ class BEXKO_API ZRModuleCore : public boost::enable_shared_from_this<ZRModuleCor
   /// runs prompt calls ahead of calls that wait, on threads of their own when every host
   /// thread is busy, so that a stop or a read answers while other clients' calls wait.
   void setMethodPrompt(const std::string& name);
-  /// Whether `name` was marked prompt.
+  /// Whether `name` was marked prompt (or quick).
   bool isMethodPrompt(const std::string& name) const;
+  /// Marks the published method `name` as quick, which implies prompt: it answers at once (it
+  /// reads or stores a value under a short lock, and never calls another module or waits for
+  /// one). The host may run a quick call on the thread that received it, with no hand-off to
+  /// another thread, so a quick method that blocks holds back every client of that thread.
+  void setMethodQuick(const std::string& name);
+  /// Whether `name` was marked quick.
+  bool isMethodQuick(const std::string& name) const;
 
   /// The module's published documentation.
   ZRModuleInfo moduleInfo() const;
