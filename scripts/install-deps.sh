@@ -15,6 +15,7 @@ packages=(
   libsqlite3-dev libpugixml-dev nlohmann-json3-dev libcli11-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   python3 python3-websocket
+  chromium chromium-driver python3-selenium
 )
 
 missing=()

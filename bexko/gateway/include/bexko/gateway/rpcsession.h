@@ -48,7 +48,8 @@ struct RpcLimits {
 /// on host threads through the broker, so that calls of one connection run concurrently and a
 /// stopAll can interrupt a say sent earlier on the same connection; their responses arrive in
 /// completion order. The host's own operations carry the prefix "bexko." (post, stop,
-/// modules, describe, subscribe, unsubscribe, connect, disconnect).
+/// modules, describe, subscribe, unsubscribe, connect, disconnect, subscribeLog,
+/// unsubscribeLog).
 ///
 /// Every answer and notification leaves through the Sender given at creation, which must be
 /// safe to call from any thread and keep the order of its calls. After close() nothing is sent
@@ -97,6 +98,8 @@ class RpcSession : public std::enable_shared_from_this<RpcSession> {
   void unsubscribe(const Request& request);
   void connect(const Request& request);
   void disconnect(const Request& request);
+  void subscribeLog(const Request& request);
+  void unsubscribeLog(const Request& request);
 
   boost::shared_ptr<services::Memory> memory() const;
   bool reserveCall(const Request& request);
@@ -115,8 +118,9 @@ class RpcSession : public std::enable_shared_from_this<RpcSession> {
   Sender sender_;
   bool open_ = true;
 
-  std::mutex linksMutex_;  // guards observers_ and signals_
+  std::mutex linksMutex_;  // guards observers_, signals_ and logSubscription_
   std::map<std::string, int> observers_;
+  int logSubscription_ = 0;  // the LogFeed id, 0 when the connection does not follow the log
   std::map<std::pair<std::string, std::string>, SignalConnection> signals_;
 
   std::atomic<std::size_t> callsInFlight_{0};
