@@ -84,7 +84,7 @@ export class SpeechView {
     $("speech-reset-speed").addEventListener("click", () => this.voiceCall("resetSpeed", []));
     $("speech-refresh").addEventListener("click", () => this.loadVoice());
     $("timeline-clear").addEventListener("click", () => {
-      for (const [id, task] of this.tasks) if (task.status !== "started" && task.status !== "enqueued") this.tasks.delete(id);
+      for (const [id, task] of this.tasks) if (TERMINAL.has(task.status)) this.tasks.delete(id);
       this.renderTimeline();
     });
   }
@@ -127,12 +127,17 @@ export class SpeechView {
     try {
       const { id, done } = await this.client.post(TTS, "say", [text]);
       this.postedTexts.set(id, text);
-      const task = this.tasks.get(id);
-      if (task) {
-        task.posted = true;
-        task.text = task.text || text;
-        this.renderTask(task);
+      // A posted say waits for the service before it is enqueued: it shows from now on.
+      const known = this.tasks.has(id);
+      const task = this.task(id);
+      task.posted = true;
+      task.text = task.text || text;
+      if (!known) {
+        task.status = "posted";
+        task.postedAt = Date.now();
       }
+      this.renderTimeline();
+      this.tick();
       done.catch((error) => {
         const task = this.tasks.get(id);
         if (task) {
@@ -288,7 +293,7 @@ export class SpeechView {
     let task = this.tasks.get(id);
     if (!task) {
       task = { id, text: this.postedTexts.get(id) || "", posted: this.postedTexts.has(id), status: "enqueued",
-        enqueuedAt: null, startedAt: null, endedAt: null, words: [], bookmarks: [], history: [], interrupted: false };
+        postedAt: null, enqueuedAt: null, startedAt: null, endedAt: null, words: [], bookmarks: [], history: [], interrupted: false };
       this.tasks.set(id, task);
       while (this.tasks.size > MAX_TASKS) this.tasks.delete(this.tasks.keys().next().value);
     }
@@ -304,6 +309,7 @@ export class SpeechView {
     task.history.push({ word, at: now });
     if (word === "enqueued") {
       task.enqueuedAt = task.enqueuedAt || now;
+      if (task.status === "posted") task.status = "enqueued";
     } else if (word === "started") {
       task.enqueuedAt = task.enqueuedAt || now;
       task.startedAt = now;
@@ -423,7 +429,8 @@ export class SpeechView {
 
   renderTimeline() {
     const list = $("timeline");
-    const ordered = [...this.tasks.values()].sort((a, b) => (b.enqueuedAt || 0) - (a.enqueuedAt || 0) || b.id - a.id);
+    const since = (t) => t.postedAt || t.enqueuedAt || 0;
+    const ordered = [...this.tasks.values()].sort((a, b) => since(b) - since(a) || b.id - a.id);
     list.replaceChildren(...ordered.map((task) => {
       task.element = this.taskElement(task);
       return task.element;
@@ -445,25 +452,18 @@ export class SpeechView {
 
   taskElement(task) {
     const ended = TERMINAL.has(task.status);
-    const waited = task.startedAt ? task.startedAt - task.enqueuedAt : (ended ? null : Date.now() - task.enqueuedAt);
-    const spoken = task.startedAt ? (task.endedAt || Date.now()) - task.startedAt : null;
     const item = el("li", { class: `task status-${task.status}`, "data-task": task.id, "aria-label": `Task ${task.id}: ${task.status}` });
     item.dataset.status = task.status;
     const head = el("div", { class: "task-head" },
       el("span", { class: "task-id" }, `#${task.id}`),
-      el("span", { class: `badge status-${task.status}`, "data-role": "status" }, task.status),
+      el("span", { class: `badge status-${task.status}`, "data-role": "status" }, task.status === "posted" ? "waiting" : task.status),
       task.posted ? el("span", { class: "tag" }, "posted") : null,
       task.interrupted ? el("span", { class: "tag warn" }, "interrupted") : null,
-      el("span", { class: "task-text" }, task.text || task.sentence || "(sentence not yet known)"),
+      el("span", { class: "task-text", title: task.text || "" }, task.sentence || task.text || "(sentence not yet known)"),
       ended ? null : el("button", { type: "button", class: "small danger", "aria-label": `Stop task ${task.id}`, onclick: () => this.stopTask(task.id) }, "Stop"));
     const bar = el("div", { class: "bar", "aria-hidden": "true" },
       el("span", { class: "bar-wait" }), el("span", { class: "bar-run" }));
-    const facts = el("p", { class: "task-facts" },
-      `enqueued ${task.enqueuedAt ? clock(task.enqueuedAt) : "–"}`,
-      ` · waited ${duration(waited)}`,
-      task.startedAt ? ` · started ${clock(task.startedAt)}` : "",
-      spoken !== null ? ` · ${ended ? "spoke" : "speaking for"} ${duration(spoken)}` : "",
-      ended ? ` · ${task.status} ${clock(task.endedAt)}` : "");
+    const facts = el("p", { class: "task-facts" }, factsText(task));
     const children = [head, bar, facts];
     if (task.words.length || task.bookmarks.length) {
       children.push(el("div", { class: "marks", "aria-label": `Words and bookmarks of task ${task.id}` }, ...this.mergedMarks(task)));
@@ -471,6 +471,7 @@ export class SpeechView {
     if (task.error) children.push(el("p", { class: "task-error" }, task.error.description));
     item.append(...children);
     item.taskBar = bar;
+    item.taskFacts = facts;
     return item;
   }
 
@@ -488,7 +489,7 @@ export class SpeechView {
     const tasks = [...this.tasks.values()];
     const now = Date.now();
     const spans = tasks.map((t) => {
-      const start = t.enqueuedAt || now;
+      const start = t.postedAt || t.enqueuedAt || now;
       const end = t.endedAt || now;
       return Math.max(1, end - start);
     });
@@ -496,13 +497,31 @@ export class SpeechView {
     for (const task of tasks) {
       const bar = task.element && task.element.taskBar;
       if (!bar) continue;
-      const start = task.enqueuedAt || now;
+      const start = task.postedAt || task.enqueuedAt || now;
       const started = task.startedAt || (TERMINAL.has(task.status) ? task.endedAt : now);
       const end = task.endedAt || now;
       bar.children[0].style.width = `${(100 * Math.max(0, started - start)) / longest}%`;
       bar.children[1].style.width = task.startedAt ? `${(100 * Math.max(0, end - task.startedAt)) / longest}%` : "0%";
+      // Only the text changes while a task runs: its buttons stay the same elements.
+      if (!TERMINAL.has(task.status)) task.element.taskFacts.textContent = factsText(task);
     }
   }
+}
+
+/** "posted 12:00:01.000 · enqueued 12:00:01.002 · waited 2 ms · started ... · spoke 1.20 s · done ..." */
+function factsText(task) {
+  const ended = TERMINAL.has(task.status);
+  const from = task.postedAt || task.enqueuedAt;
+  const waited = task.startedAt ? task.startedAt - from : (ended || !from ? null : Date.now() - from);
+  const spoken = task.startedAt ? (task.endedAt || Date.now()) - task.startedAt : null;
+  return [
+    task.postedAt ? `posted ${clock(task.postedAt)}` : null,
+    `enqueued ${task.enqueuedAt ? clock(task.enqueuedAt) : "–"}`,
+    `waited ${duration(waited)}`,
+    task.startedAt ? `started ${clock(task.startedAt)}` : null,
+    spoken !== null ? `${ended ? "spoke" : "speaking for"} ${duration(spoken)}` : null,
+    ended ? `${task.status} ${clock(task.endedAt)}` : null,
+  ].filter(Boolean).join(" · ");
 }
 
 function fillSelect(select, values, selected, none) {
