@@ -8,6 +8,7 @@ import html.parser
 import json
 import os
 import shutil
+import socket
 import tempfile
 import time
 import unittest
@@ -504,6 +505,52 @@ class TokenProtectedHost(ConsoleTestCase):
         self.driver.refresh()
         self.wait(lambda: self.driver.find_element(By.TAG_NAME, "body").get_attribute("data-ready")
                   == "true", message="the console to connect again")
+
+
+class HostRestart(ConsoleTestCase):
+    # A host that goes away and comes back on the same address: the console says so, connects
+    # again by itself and follows what it followed before. Each test starts its own daemons.
+
+    @classmethod
+    def setUpClass(cls):
+        cls.browser = Browser()
+        cls.driver = cls.browser.driver
+        os.makedirs(SCREENSHOTS, exist_ok=True)
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.browser.quit()
+
+    def tearDown(self):
+        pass  # while the host is away the browser logs each refused connection
+
+    def start_daemon(self, port):
+        daemon = Daemon("--audio-output", "clock")
+        daemon.args[daemon.args.index("127.0.0.1:0")] = "127.0.0.1:%d" % port
+        self.addCleanup(daemon.cleanup)
+        self.daemon = daemon.start()
+        return daemon
+
+    def connection_state(self):
+        return self.driver.find_element(By.ID, "connection").get_attribute("data-state")
+
+    def test_the_console_reconnects_and_follows_the_speech_again(self):
+        with socket.socket() as s:
+            s.bind(("127.0.0.1", 0))
+            port = s.getsockname()[1]
+        first = self.start_daemon(port)
+        self.open_console()
+        self.assertEqual(first.stop(), 0)
+        self.wait(lambda: self.connection_state() != "open", message="the host to be seen gone")
+        second = self.start_daemon(port)
+        self.wait(lambda: self.connection_state() == "open", timeout=30,
+                  message="the console to connect again")
+        # Its subscriptions were made again on the new connection: a say shows in the timeline.
+        self.wait(lambda: Select(self.labelled("Voice")).first_selected_option.text == "en-us",
+                  message="the voice read again")
+        self.client().call("ZRTextToSpeech", "say", "Back again")
+        self.wait(lambda: self.top_task() and self.top_task()[1] == "done"
+                  and "Back again" in self.top_task()[2], message="the new say in the timeline")
 
 
 if __name__ == "__main__":
