@@ -57,6 +57,7 @@ function askForToken(reason) {
 let retryDelay = 500;
 
 async function connect() {
+  let refusedWhileUp = 0;
   for (;;) {
     const token = sessionStorage.getItem(TOKEN_KEY) || "";
     setConnection("connecting", "Connecting…");
@@ -66,17 +67,21 @@ async function connect() {
       setConnection("open", `Connected to ${location.host}`);
       return;
     } catch (error) {
-      // A browser does not say why an upgrade was refused: a token that does not open the door
-      // is dropped and asked for again, and without one the console asks for it.
-      if (token) sessionStorage.removeItem(TOKEN_KEY);
       setConnection("closed", "Not connected");
-      const probe = await hostAnswers();
-      if (!probe) {
+      if (!(await hostAnswers())) {
+        refusedWhileUp = 0;
         setConnection("closed", `The host does not answer; retrying in ${Math.round(retryDelay / 1000)} s`);
         await new Promise((r) => setTimeout(r, retryDelay));
         retryDelay = Math.min(retryDelay * 2, 10000);
         continue;
       }
+      // The page's host answers. A host that was starting up may have come up between the
+      // attempt and the look: it is tried once more before the console decides that it refused.
+      if (++refusedWhileUp < 2) continue;
+      refusedWhileUp = 0;
+      // A browser does not say why an upgrade was refused: a token that does not open the door
+      // is dropped and asked for again, and without one the console asks for it.
+      if (token) sessionStorage.removeItem(TOKEN_KEY);
       const reason = token
         ? "The host refused this token. Enter the access token of this host."
         : "This host requires an access token.";
