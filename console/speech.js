@@ -478,8 +478,8 @@ export class SpeechView {
   // Words and bookmarks of a task in the order they came.
   mergedMarks(task) {
     const all = [
-      ...task.words.map((w) => ({ at: w.at, node: el("span", { class: "mark word-mark", title: `+${duration(w.at - task.startedAt)}` }, w.word) })),
-      ...task.bookmarks.map((b) => ({ at: b.at, node: el("span", { class: "mark bookmark-mark", title: `+${duration(b.at - task.startedAt)}` }, `⚑ ${b.mark}`) })),
+      ...task.words.map((w) => ({ at: w.at, node: el("span", { class: "mark word-mark", title: `+${duration(w.at - task.startedAt)} after the start` }, w.word) })),
+      ...task.bookmarks.map((b) => ({ at: b.at, node: el("span", { class: "mark bookmark-mark", title: `bookmark ${b.mark}, +${duration(b.at - task.startedAt)} after the start` }, `⚑ ${b.mark}`, el("small", {}, ` +${duration(b.at - task.startedAt)}`)) })),
     ];
     all.sort((a, b) => a.at - b.at);
     return all.slice(-120).map((m) => m.node);
