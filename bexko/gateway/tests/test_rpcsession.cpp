@@ -1,14 +1,17 @@
 #include <bexko/gateway/rpcsession.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <future>
+#include <memory>
 #include <mutex>
 #include <regex>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -301,6 +304,35 @@ TEST_F(RpcSessionTest, ALogLevelThatIsNoLevelIsRefused) {
               rpcerror::InvalidParams)
         << params;
   }
+  EXPECT_EQ(LogFeed::instance().subscriberCount(), subscribersBefore);
+}
+
+TEST_F(RpcSessionTest, SessionsFollowingTheLogComeAndGoWhileRecordsFlow) {
+  ko::log::CategoryType category = ko::log::addCategory("test.gateway.logflow");
+  const std::size_t subscribersBefore = LogFeed::instance().subscriberCount();
+  std::atomic<bool> flowing{true};
+  std::thread logger([&] {
+    while (flowing) KO_LOG(category, ko::log::warning, "flow") << "a record";
+  });
+  // Outboxes outlive the sessions: a session dropped without close() may still be sending
+  // from the logging thread, where it is then destroyed.
+  std::vector<std::unique_ptr<Outbox>> outboxes;
+  for (int i = 0; i < 40; ++i) {
+    outboxes.push_back(std::make_unique<Outbox>());
+    Outbox& box = *outboxes.back();
+    auto session = RpcSession::create(host_.broker(), box.sender());
+    session->handleText(request(1, "bexko.subscribeLog", {{"level", "warning"}}));
+    ASSERT_EQ(box.answer(1)["result"], nullptr);
+    ASSERT_FALSE(box.waitFor([](const json& f) {
+                      return f.value("method", "") == "bexko.log" &&
+                             f["params"]["category"] == "test.gateway.logflow";
+                    })
+                     .is_null());
+    if (i % 2 == 0) session->close();
+    session.reset();
+  }
+  flowing = false;
+  logger.join();
   EXPECT_EQ(LogFeed::instance().subscriberCount(), subscribersBefore);
 }
 
