@@ -19,7 +19,6 @@ from bexkodaemon import BUILD_DIR, Daemon
 
 try:
     from selenium import webdriver
-    from selenium.common.exceptions import WebDriverException
     from selenium.webdriver.chrome.options import Options
     from selenium.webdriver.chrome.service import Service
     from selenium.webdriver.common.by import By
@@ -108,17 +107,22 @@ class ConsoleTestCase(unittest.TestCase):
     # Finding and waiting ------------------------------------------------------------------
 
     def wait(self, predicate, timeout=20.0, message="condition", interval=0.05):
+        # The page and the host change under the predicate: an element gone, a call answered
+        # with an error before the change it waits for. Such failures count as "not yet".
         deadline = time.monotonic() + timeout
+        last = None
         while True:
             try:
                 value = predicate()
-            except WebDriverException:
-                value = None
+            except AssertionError:
+                raise
+            except Exception as e:  # WebDriverException, BexkoError, a value not there yet
+                value, last = None, e
             if value:
                 return value
             if time.monotonic() > deadline:
                 self.screenshot("timeout-" + self.id().rsplit(".", 1)[-1])
-                self.fail("timed out waiting for %s" % message)
+                self.fail("timed out waiting for %s (last failure: %r)" % (message, last))
             time.sleep(interval)
 
     def labelled(self, label):
@@ -131,15 +135,19 @@ class ConsoleTestCase(unittest.TestCase):
                 return self.driver.find_element(By.ID, target)
         return self.driver.find_element(By.XPATH, "//*[@aria-label=%s]" % xpath_string(label))
 
-    def button(self, name):
-        # The visible button whose text or aria-label is `name`.
+    def find_button(self, name):
+        # The visible button whose text or aria-label is `name`, or None.
         quoted = xpath_string(name)
         for element in self.driver.find_elements(
                 By.XPATH, "//button[not(@role='tab') and (normalize-space(.)=%s or @aria-label=%s)]"
                 % (quoted, quoted)):
             if element.is_displayed():
                 return element
-        self.fail("no visible button %r" % name)
+        return None
+
+    def button(self, name, timeout=20.0):
+        # The visible button named `name`, once there is one.
+        return self.wait(lambda: self.find_button(name), timeout, message="a button %r" % name)
 
     def tab(self, name):
         tab = self.driver.find_element(By.XPATH, "//*[@role='tab' and normalize-space(.)=%s]"
@@ -425,8 +433,7 @@ class CallAndEventsViews(ConsoleTestCase):
         self.assertIn("ZRTextToSpeech/Status", offered)
         self.set_text(self.labelled("Memory key"), "ZRTextToSpeech/Status")
         self.button("Subscribe").click()
-        self.wait(lambda: self.button("Unsubscribe from ZRTextToSpeech/Status"),
-                  message="the subscription")
+        self.button("Unsubscribe from ZRTextToSpeech/Status")  # once subscribed
         rows = lambda: [r.text for r in self.driver.find_elements(By.CSS_SELECTOR, "#events-rows tr")]
         client = self.client()
         client.call("ZRTextToSpeech", "say", "Events")
