@@ -17,6 +17,7 @@ packages=(
   python3 python3-websocket
   python3-venv python3-pip python3-setuptools python3-wheel
   dpkg-dev systemd
+  chromium chromium-driver python3-selenium
 )
 
 missing=()

@@ -346,6 +346,8 @@ int main(int argc, char** argv) {
   options.maxConnectionsPerAddress = maxConnectionsPerAddress;
   options.maxQueuedBytes = maxUnreadBytes;
   options.idleTimeout = std::chrono::seconds(idleTimeoutSeconds);
+  // The web console's files, installed beside the daemon (share/bexko/console).
+  options.consoleFolder = ko::path::sdkPrefix() + "/share/bexko/console";
   bexko::gateway::Gateway gateway(broker, options);
   try {
     gateway.start();
@@ -362,6 +364,11 @@ int main(int argc, char** argv) {
   } else {
     KO_LOG(logCategory(), ko::log::warning, "main")
         << "--no-auth: every local account may call every method as this user";
+  }
+  if (!gateway.consoleUrl().empty()) {
+    // The token rides in the fragment, which a browser never sends to a server.
+    KO_LOG(logCategory(), ko::log::info, "main")
+        << "web console: " << gateway.consoleUrl() << (token.empty() ? "" : "#token=" + token);
   }
   std::cout << "listening on " << gateway.url() << std::endl;
 

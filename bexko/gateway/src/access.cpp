@@ -51,6 +51,26 @@ bool isAllowedOrigin(const std::string& origin) {
   return std::regex_match(origin, allowed);
 }
 
+std::vector<std::string> consoleOrigins(const std::string& address, unsigned short port) {
+  const std::string suffix = ":" + std::to_string(port);
+  if (address == "localhost") return {"http://localhost" + suffix, "http://127.0.0.1" + suffix};
+  boost::system::error_code ec;
+  const auto parsed = boost::asio::ip::make_address(address, ec);
+  if (ec || parsed.is_unspecified()) return {};
+  const std::string host = parsed.is_v6() ? "[" + parsed.to_string() + "]" : parsed.to_string();
+  std::vector<std::string> origins{"http://" + host + suffix};
+  if (parsed.is_loopback()) origins.push_back("http://localhost" + suffix);
+  return origins;
+}
+
+bool isOneOfOrigins(const std::string& origin, const std::vector<std::string>& origins) {
+  std::string given = origin;
+  if (!given.empty() && given.back() == '/') given.pop_back();
+  std::transform(given.begin(), given.end(), given.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  return std::find(origins.begin(), origins.end(), given) != origins.end();
+}
+
 std::string presentedToken(const std::string& target, const std::string& authorization) {
   const auto query = target.find('?');
   if (query != std::string::npos) {

@@ -76,6 +76,11 @@ void Gateway::start() {
                              std::to_string(options.port) + ": " + e.code().message());
   }
   impl_->endpoint = impl_->listener->localEndpoint();
+  impl_->state->setEndpoint(impl_->endpoint.address().to_string(), impl_->endpoint.port());
+  if (!options.consoleFolder.empty() && !impl_->state->console().isServing()) {
+    KO_LOG(logCategory(), ko::log::warning, "start")
+        << "no web console: " << options.consoleFolder << " is not a folder";
+  }
   impl_->listener->run();
   impl_->work = std::make_unique<net::executor_work_guard<net::io_context::executor_type>>(
       impl_->ioc->get_executor());
@@ -124,6 +129,11 @@ std::string Gateway::url() const {
   const auto address = impl_->endpoint.address();
   const std::string host = address.is_v6() ? "[" + address.to_string() + "]" : address.to_string();
   return "ws://" + host + ":" + std::to_string(port());
+}
+
+std::string Gateway::consoleUrl() const {
+  if (!impl_->state || !impl_->state->console().isServing()) return {};
+  return "http" + url().substr(2) + "/";
 }
 
 std::size_t Gateway::connectionCount() const {

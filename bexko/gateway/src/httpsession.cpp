@@ -6,6 +6,7 @@
 #include <boost/beast/websocket.hpp>
 
 #include <bexko/gateway/access.h>
+#include <bexko/gateway/consolefiles.h>
 #include <ko/log.h>
 #include "sharedstate.h"
 #include "websocketsession.h"
@@ -26,6 +27,9 @@ ko::log::CategoryType logCategory() {
 
 /// An upgrade request carries no body; a small limit keeps a stranger from filling memory.
 constexpr std::uint64_t kBodyLimit = 16 * 1024;
+
+/// The console's files are small; a bigger file in its folder is not served whole into memory.
+constexpr std::uintmax_t kLargestConsoleFile = 8 * 1024 * 1024;
 
 }  // namespace
 
@@ -64,6 +68,10 @@ void HttpSession::onRead(beast::error_code ec, std::size_t) {
     return;
   }
   auto request = parser_->release();
+  if (!beast::websocket::is_upgrade(request) && state_->console().isServing()) {
+    serveConsole(request);
+    return;
+  }
   if (!beast::websocket::is_upgrade(request)) {
     refuse(http::status::upgrade_required,
            "This is the bexko gateway: connect with a WebSocket and send JSON-RPC 2.0 "
@@ -71,7 +79,7 @@ void HttpSession::onRead(beast::error_code ec, std::size_t) {
     return;
   }
   const auto origin = request.find(http::field::origin);
-  if (origin != request.end() && !isAllowedOrigin(std::string(origin->value()))) {
+  if (origin != request.end() && !state_->isAdmittedOrigin(std::string(origin->value()))) {
     KO_LOG(logCategory(), ko::log::warning, "onRead")
         << "refused a connection from the web origin " << origin->value();
     refuse(http::status::forbidden, "Connections from web pages of other sites are refused\n");
@@ -102,11 +110,63 @@ void HttpSession::refuse(http::status status, const std::string& text) {
   response_->set(http::field::content_type, "text/plain; charset=utf-8");
   if (status == http::status::unauthorized) response_->set(http::field::www_authenticate, "Bearer");
   if (status == http::status::upgrade_required) response_->set(http::field::upgrade, "websocket");
-  response_->keep_alive(false);
+  if (status == http::status::method_not_allowed) response_->set(http::field::allow, "GET, HEAD");
+  if (state_->console().isServing()) {
+    response_->set("X-Content-Type-Options", "nosniff");
+    response_->set("Content-Security-Policy", state_->contentSecurityPolicy());
+  }
   response_->body() = text;
   response_->prepare_payload();
+  write(false);
+}
+
+void HttpSession::serveConsole(const http::request<http::string_body>& request) {
+  const std::string target(request.target());
+  const bool head = request.method() == http::verb::head;
+  if (request.method() != http::verb::get && !head) {
+    refuse(http::status::method_not_allowed, "The console answers GET and HEAD only\n");
+    return;
+  }
+  const ConsoleFiles::Lookup lookup = state_->console().find(target);
+  if (lookup.outcome == ConsoleFiles::Outcome::BadPath) {
+    KO_LOG(logCategory(), ko::log::warning, "serveConsole")
+        << "refused the path " << target << " outside the console";
+    refuse(http::status::bad_request, "Bad path\n");
+    return;
+  }
+  std::string body;
+  if (lookup.outcome == ConsoleFiles::Outcome::NotFound) {
+    refuse(http::status::not_found, "Not found\n");
+    return;
+  }
+  if (!ConsoleFiles::read(lookup.path, body, kLargestConsoleFile)) {
+    KO_LOG(logCategory(), ko::log::warning, "serveConsole") << "cannot read " << lookup.path;
+    refuse(http::status::internal_server_error, "Cannot read the file\n");
+    return;
+  }
+  response_ =
+      std::make_shared<http::response<http::string_body>>(http::status::ok, request.version());
+  response_->set(http::field::server, "bexko");
+  response_->set(http::field::content_type, lookup.contentType);
+  response_->set(http::field::cache_control, "no-cache");
+  response_->set("X-Content-Type-Options", "nosniff");
+  response_->set("Content-Security-Policy", state_->contentSecurityPolicy());
+  response_->set("Referrer-Policy", "no-referrer");
+  response_->set("X-Frame-Options", "DENY");
+  response_->keep_alive(request.keep_alive());
+  response_->content_length(body.size());
+  if (!head) response_->body() = std::move(body);
+  write(request.keep_alive());
+}
+
+void HttpSession::write(bool keepAlive) {
+  if (!keepAlive) response_->keep_alive(false);
   http::async_write(stream_, *response_,
-                    [self = shared_from_this()](beast::error_code, std::size_t) {
+                    [self = shared_from_this(), keepAlive](beast::error_code ec, std::size_t) {
+                      if (!ec && keepAlive) {
+                        self->read();
+                        return;
+                      }
                       beast::error_code ignored;
                       self->stream_.socket().shutdown(net::ip::tcp::socket::shutdown_send, ignored);
                     });

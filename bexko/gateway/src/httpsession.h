@@ -12,9 +12,10 @@ namespace gateway {
 class SharedState;
 class ConnectionSlot;
 
-/// Reads the HTTP request of a new connection. A WebSocket upgrade that passes the access
-/// checks (Origin, token) becomes a WebSocketSession; anything else gets an HTTP error answer
-/// and the connection is closed.
+/// Reads the HTTP requests of a new connection. A WebSocket upgrade that passes the access
+/// checks (Origin, token) becomes a WebSocketSession. With a console, GET and HEAD requests get
+/// its files, on a connection kept alive for the next request as the client asks; anything
+/// else gets an HTTP error answer and the connection is closed.
 class HttpSession : public std::enable_shared_from_this<HttpSession> {
  public:
   HttpSession(boost::asio::ip::tcp::socket&& socket, std::shared_ptr<SharedState> state,
@@ -26,6 +27,9 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
   void read();
   void onRead(boost::beast::error_code ec, std::size_t bytes);
   void refuse(boost::beast::http::status status, const std::string& text);
+  void serveConsole(const boost::beast::http::request<boost::beast::http::string_body>& request);
+  /// Writes response_; reads the next request afterwards when `keepAlive`, else closes.
+  void write(bool keepAlive);
 
   boost::beast::tcp_stream stream_;
   boost::beast::flat_buffer buffer_;

@@ -1,5 +1,6 @@
 #include <bexko/gateway/rpcsession.h>
 
+#include <ctime>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -9,6 +10,7 @@
 #include <ko/log.h>
 #include <ko/version.h>
 #include <zr/zrmodulecore.h>
+#include "logfeed.h"
 
 namespace bexko {
 namespace gateway {
@@ -77,11 +79,14 @@ void RpcSession::close() {
   callerGone_->cancel();
   std::map<std::string, int> observers;
   std::map<std::pair<std::string, std::string>, SignalConnection> signals;
+  int logSubscription = 0;
   {
     std::lock_guard<std::mutex> lock(linksMutex_);
     observers.swap(observers_);
     signals.swap(signals_);
+    std::swap(logSubscription, logSubscription_);
   }
+  if (logSubscription != 0) LogFeed::instance().remove(logSubscription);
   // Unobserving waits for a running observer, which only takes sendMutex_: no lock is held here.
   if (!observers.empty()) {
     if (auto store = memory()) {
@@ -260,6 +265,10 @@ void RpcSession::dispatch(const Request& request) {
     keys(request);
   } else if (name == "version") {
     reply(request, ko::kVersion);
+  } else if (name == "subscribeLog") {
+    subscribeLog(request);
+  } else if (name == "unsubscribeLog") {
+    unsubscribeLog(request);
   } else {
     fail(request, rpcerror::MethodNotFound,
          "Method not found: the host has no operation \"" + request.method + "\"");
@@ -649,6 +658,84 @@ void RpcSession::disconnect(const Request& request) {
     }
   }
   if (found) connection.object.disconnect(connection.link);
+  reply(request, nullptr);
+}
+
+// The log -----------------------------------------------------------------------------------
+
+namespace {
+
+/// "2026-11-24T02:08:07.123Z".
+std::string isoTime(std::chrono::system_clock::time_point time) {
+  const auto seconds = std::chrono::system_clock::to_time_t(time);
+  const auto millis =
+      std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch()).count() % 1000;
+  std::tm utc{};
+  gmtime_r(&seconds, &utc);
+  char text[40];
+  const std::size_t length = std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &utc);
+  std::snprintf(text + length, sizeof text - length, ".%03dZ", static_cast<int>(millis));
+  return text;
+}
+
+}  // namespace
+
+void RpcSession::subscribeLog(const Request& request) {
+  ko::log::LogLevel level = ko::log::info;
+  auto given = request.params.is_object() ? request.params.find("level") : request.params.end();
+  const bool shapeOk = request.params.is_null() || request.params.is_object();
+  bool levelOk = shapeOk;
+  if (shapeOk && given != request.params.end()) {
+    try {
+      if (given->is_string()) {
+        level = ko::log::parseLevel(given->get<std::string>());
+      } else if (given->is_number_integer()) {
+        level = ko::log::parseLevel(std::to_string(given->get<std::int64_t>()));
+      } else {
+        levelOk = false;
+      }
+    } catch (const std::invalid_argument&) {
+      levelOk = false;
+    }
+  }
+  if (!levelOk || level == ko::log::silent) {
+    fail(request, rpcerror::InvalidParams,
+         "Invalid params: bexko.subscribeLog takes {\"level\": fatal, error, warning, info, "
+         "verbose, debug or 1-6} (default info)");
+    return;
+  }
+  std::weak_ptr<RpcSession> weak = shared_from_this();
+  const int id = LogFeed::instance().add(level, [weak](const ko::log::Record& record) {
+    auto self = weak.lock();
+    if (!self) return;
+    self->notify("bexko.log", {{"time", isoTime(record.time)},
+                               {"level", ko::log::levelName(record.level)},
+                               {"category", record.category},
+                               {"function", record.function},
+                               {"message", record.message}});
+  });
+  int replaced = 0;
+  bool keep = false;
+  {
+    std::lock_guard<std::mutex> lock(linksMutex_);
+    if (isOpen()) {
+      replaced = logSubscription_;
+      logSubscription_ = id;
+      keep = true;
+    }
+  }
+  if (replaced != 0) LogFeed::instance().remove(replaced);
+  if (!keep) LogFeed::instance().remove(id);
+  reply(request, nullptr);
+}
+
+void RpcSession::unsubscribeLog(const Request& request) {
+  int id = 0;
+  {
+    std::lock_guard<std::mutex> lock(linksMutex_);
+    std::swap(id, logSubscription_);
+  }
+  if (id != 0) LogFeed::instance().remove(id);
   reply(request, nullptr);
 }
 

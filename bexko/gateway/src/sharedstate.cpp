@@ -2,11 +2,24 @@
 
 #include <utility>
 
+#include <bexko/gateway/access.h>
+
 namespace bexko {
 namespace gateway {
 
 SharedState::SharedState(boost::shared_ptr<ZR::ZRBroker> broker, GatewayOptions options)
-    : broker_(std::move(broker)), options_(std::move(options)) {}
+    : broker_(std::move(broker)), options_(std::move(options)), console_(options_.consoleFolder) {}
+
+void SharedState::setEndpoint(const std::string& address, unsigned short port) {
+  consoleOrigins_ = consoleOrigins(address, port);
+  std::vector<std::string> hosts;
+  for (const auto& origin : consoleOrigins_) hosts.push_back(origin.substr(7));  // "http://"
+  contentSecurityPolicy_ = consoleContentSecurityPolicy(hosts);
+}
+
+bool SharedState::isAdmittedOrigin(const std::string& origin) const {
+  return isAllowedOrigin(origin) || isOneOfOrigins(origin, consoleOrigins_);
+}
 
 std::unique_ptr<ConnectionSlot> SharedState::admit(const std::string& address) {
   {

@@ -9,6 +9,7 @@
 
 #include <boost/shared_ptr.hpp>
 
+#include <bexko/gateway/consolefiles.h>
 #include <bexko/gateway/gateway.h>
 #include <zr/zrbroker.h>
 
@@ -42,6 +43,14 @@ class SharedState : public std::enable_shared_from_this<SharedState> {
 
   const boost::shared_ptr<ZR::ZRBroker>& broker() const { return broker_; }
   const GatewayOptions& options() const { return options_; }
+  const ConsoleFiles& console() const { return console_; }
+
+  /// Records where the gateway listens, once bound and before the first connection: the
+  /// console's origins and its Content-Security-Policy follow from it.
+  void setEndpoint(const std::string& address, unsigned short port);
+  /// True when a browser page of `origin` may open a WebSocket: this machine or the console.
+  bool isAdmittedOrigin(const std::string& origin) const;
+  const std::string& contentSecurityPolicy() const { return contentSecurityPolicy_; }
 
   /// A place for a new connection from `address`; null when the gateway holds as many
   /// connections as its options allow, in all or from that address.
@@ -56,6 +65,10 @@ class SharedState : public std::enable_shared_from_this<SharedState> {
  private:
   boost::shared_ptr<ZR::ZRBroker> broker_;
   GatewayOptions options_;
+  ConsoleFiles console_;
+  // Set by setEndpoint before any connection is accepted, read-only afterwards.
+  std::vector<std::string> consoleOrigins_;
+  std::string contentSecurityPolicy_;
   mutable std::mutex mutex_;
   std::unordered_map<const WebSocketSession*, std::weak_ptr<WebSocketSession>> sessions_;
   friend class ConnectionSlot;

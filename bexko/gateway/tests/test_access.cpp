@@ -1,5 +1,8 @@
 #include <bexko/gateway/access.h>
 
+#include <string>
+#include <vector>
+
 #include <gtest/gtest.h>
 
 namespace bexko {
@@ -20,6 +23,27 @@ TEST(GatewayAccess, OnlyThisMachineCountsAsLoopbackOrAsALocalOrigin) {
   }
   for (const char* origin : {"http://localhost.evil.example", "null", "ws://localhost"}) {
     EXPECT_FALSE(isAllowedOrigin(origin)) << origin;
+  }
+}
+
+TEST(GatewayAccess, TheConsoleOriginIsTheGatewaysOwnAddressAndPort) {
+  struct Case {
+    const char* address;
+    std::vector<std::string> origins;
+  };
+  for (const Case& c :
+       {Case{"127.0.0.1", {"http://127.0.0.1:9559", "http://localhost:9559"}},
+        Case{"192.168.1.10", {"http://192.168.1.10:9559"}},
+        Case{"::1", {"http://[::1]:9559", "http://localhost:9559"}},
+        Case{"fe80::1", {"http://[fe80::1]:9559"}}, Case{"0.0.0.0", {}}, Case{"::", {}}}) {
+    EXPECT_EQ(consoleOrigins(c.address, 9559), c.origins) << c.address;
+  }
+  const auto lan = consoleOrigins("192.168.1.10", 9559);
+  EXPECT_TRUE(isOneOfOrigins("http://192.168.1.10:9559", lan));
+  EXPECT_TRUE(isOneOfOrigins("HTTP://192.168.1.10:9559/", lan));
+  for (const char* origin : {"http://192.168.1.10:9560", "https://192.168.1.10:9559",
+                             "http://192.168.1.100:9559", "http://192.168.1.10", "null"}) {
+    EXPECT_FALSE(isOneOfOrigins(origin, lan)) << origin;
   }
 }
 

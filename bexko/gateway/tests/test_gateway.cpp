@@ -1,6 +1,8 @@
 #include <bexko/gateway/gateway.h>
 
 #include <chrono>
+#include <filesystem>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <thread>
@@ -15,6 +17,7 @@
 #include <boost/beast/websocket.hpp>
 #include <nlohmann/json.hpp>
 
+#include <bexko/gateway/consolefiles.h>
 #include <bexko/testing/testhost.h>
 
 namespace bexko {
@@ -190,6 +193,185 @@ TEST_F(GatewayTest, ServesManyClientsOneVanishingHarmsNoneAndStopClosesThemAsGoi
   beast::error_code ec;
   socket.connect(tcp::endpoint(net::ip::make_address("127.0.0.1"), port()), ec);
   EXPECT_TRUE(ec) << "the port still accepts connections after stop()";
+}
+
+/// A console folder with a page, a script, a file of a type it does not serve, a hidden file,
+/// and links to a file inside and to one outside; removed with the fixture.
+class ConsoleFolder {
+ public:
+  ConsoleFolder() {
+    namespace fs = std::filesystem;
+    root_ = fs::path(::testing::TempDir()) /
+            ("bexko-console-" + std::to_string(reinterpret_cast<std::uintptr_t>(this)));
+    fs::remove_all(root_);
+    fs::create_directories(root_ / "console" / "icons");
+    write("console/index.html", "<!doctype html><title>console</title>");
+    write("console/main.js", "export const answer = 42;\n");
+    write("console/icons/index.html", "icons");
+    write("console/notes.md", "# not served");
+    write("console/.hidden.js", "secret");
+    write("outside.js", "outside");
+    fs::create_symlink(root_ / "outside.js", root_ / "console" / "escape.js");
+    fs::create_symlink(root_ / "console" / "main.js", root_ / "console" / "alias.js");
+  }
+  ~ConsoleFolder() { std::filesystem::remove_all(root_); }
+  std::string folder() const { return (root_ / "console").string(); }
+
+ private:
+  void write(const std::string& name, const std::string& text) {
+    std::ofstream(root_ / name) << text;
+  }
+  std::filesystem::path root_;
+};
+
+TEST(ConsoleFilesTest, OnlyPlainNamesOfServedFilesInsideTheFolderAreFound) {
+  ConsoleFolder files;
+  ConsoleFiles console(files.folder());
+  ASSERT_TRUE(console.isServing());
+  using Outcome = ConsoleFiles::Outcome;
+  struct Case {
+    const char* target;
+    Outcome outcome;
+    const char* file;  // the file found, relative to the console folder
+  };
+  for (const Case& c : {
+           Case{"/", Outcome::Found, "index.html"},
+           Case{"/index.html?token=abc", Outcome::Found, "index.html"},
+           Case{"/main.js#x", Outcome::Found, "main.js"},
+           Case{"/icons", Outcome::Found, "icons/index.html"},
+           Case{"/icons/", Outcome::Found, "icons/index.html"},
+           Case{"/%6Dain.js", Outcome::Found, "main.js"},
+           Case{"/alias.js", Outcome::Found, "main.js"},  // a link that stays inside
+           Case{"/missing.js", Outcome::NotFound, ""},
+           Case{"/notes.md", Outcome::NotFound, ""},   // not a type the console serves
+           Case{"/escape.js", Outcome::NotFound, ""},  // a link out of the folder
+           Case{"/../outside.js", Outcome::BadPath, ""},
+           Case{"/icons/../main.js", Outcome::BadPath, ""},
+           Case{"/%2e%2e/outside.js", Outcome::BadPath, ""},
+           Case{"/%2E%2E%2Foutside.js", Outcome::BadPath, ""},
+           Case{"/./main.js", Outcome::BadPath, ""},
+           Case{"/.hidden.js", Outcome::BadPath, ""},
+           Case{"//etc/passwd", Outcome::BadPath, ""},
+           Case{"/..%5Coutside.js", Outcome::BadPath, ""},
+           Case{"/main.js%00.html", Outcome::BadPath, ""},
+           Case{"/%zz", Outcome::BadPath, ""},
+           Case{"main.js", Outcome::BadPath, ""},
+           Case{"http://example.org/main.js", Outcome::BadPath, ""},
+       }) {
+    SCOPED_TRACE(c.target);
+    const ConsoleFiles::Lookup lookup = console.find(c.target);
+    EXPECT_EQ(lookup.outcome, c.outcome);
+    if (c.outcome == Outcome::Found) {
+      EXPECT_EQ(lookup.path, std::filesystem::canonical(files.folder() + "/" + c.file).string());
+    }
+  }
+  EXPECT_EQ(console.find("/main.js").contentType, "text/javascript; charset=utf-8");
+  EXPECT_EQ(console.find("/").contentType, "text/html; charset=utf-8");
+  EXPECT_FALSE(ConsoleFiles("").isServing());
+  EXPECT_FALSE(ConsoleFiles(files.folder() + "/nowhere").isServing());
+  EXPECT_EQ(ConsoleFiles(files.folder() + "/nowhere").find("/").outcome, Outcome::NotFound);
+}
+
+/// The whole answer to one raw HTTP request on a new connection.
+http::response<http::string_body> fetch(unsigned short port, const std::string& method,
+                                        const std::string& target,
+                                        const std::string& headers = "") {
+  net::io_context ioc;
+  tcp::socket socket(ioc);
+  net::connect(socket, tcp::resolver(ioc).resolve("127.0.0.1", std::to_string(port)));
+  net::write(socket, net::buffer(method + " " + target + " HTTP/1.1\r\nHost: 127.0.0.1\r\n" +
+                                 headers + "\r\n"));
+  beast::flat_buffer buffer;
+  http::response_parser<http::string_body> parser;
+  parser.skip(method == "HEAD");
+  http::read(socket, buffer, parser);
+  return parser.release();
+}
+
+TEST_F(GatewayTest, ServesTheConsoleFilesWithTheirTypeAndAPolicyAndRefusesTheRest) {
+  ConsoleFolder files;
+  GatewayOptions options;
+  options.consoleFolder = files.folder();
+  start("s3cret", options);  // the files need no token: the console asks for it
+  const std::string port = std::to_string(this->port());
+  EXPECT_EQ(gateway_->consoleUrl(), "http://127.0.0.1:" + port + "/");
+
+  const auto page = fetch(this->port(), "GET", "/");
+  EXPECT_EQ(page.result_int(), 200);
+  EXPECT_EQ(page.body(), "<!doctype html><title>console</title>");
+  EXPECT_EQ(page[http::field::content_type], "text/html; charset=utf-8");
+  EXPECT_EQ(page["X-Content-Type-Options"], "nosniff");
+  const std::string policy(page["Content-Security-Policy"]);
+  EXPECT_EQ(policy, consoleContentSecurityPolicy({"127.0.0.1:" + port, "localhost:" + port}));
+  for (const std::string& part : std::vector<std::string>{
+           "script-src 'self'", "object-src 'none'", "frame-ancestors 'none'",
+           "connect-src 'self' ws://127.0.0.1:" + port + " ws://localhost:" + port}) {
+    EXPECT_NE(policy.find(part), std::string::npos) << part;
+  }
+  EXPECT_EQ(policy.find("unsafe"), std::string::npos);
+
+  const auto head = fetch(this->port(), "HEAD", "/main.js");
+  EXPECT_EQ(head.result_int(), 200);
+  EXPECT_EQ(head[http::field::content_type], "text/javascript; charset=utf-8");
+  EXPECT_EQ(head[http::field::content_length], "26");
+  EXPECT_EQ(head.body(), "");
+
+  struct Case {
+    const char* method;
+    const char* target;
+    int status;
+  };
+  for (const Case& c : {Case{"GET", "/missing.js", 404}, Case{"GET", "/escape.js", 404},
+                        Case{"GET", "/%2e%2e/outside.js", 400}, Case{"GET", "/../outside.js", 400},
+                        Case{"POST", "/", 405}, Case{"DELETE", "/main.js", 405}}) {
+    SCOPED_TRACE(std::string(c.method) + " " + c.target);
+    const auto answer = fetch(this->port(), c.method, c.target);
+    EXPECT_EQ(answer.result_int(), c.status);
+    EXPECT_EQ(answer["X-Content-Type-Options"], "nosniff");
+  }
+
+  // The WebSocket stays where it was: refused without the token, and from a foreign page; the
+  // console's own page and its token open it.
+  const std::string upgrade =
+      "Upgrade: websocket\r\nConnection: upgrade\r\nSec-WebSocket-Version: 13\r\n"
+      "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n";
+  EXPECT_EQ(answerStatus(this->port(), "/", upgrade + "Origin: http://127.0.0.1:" + port + "\r\n"),
+            401);
+  EXPECT_EQ(answerStatus(this->port(), "/?token=s3cret",
+                         upgrade + "Origin: http://evil.example:" + port + "\r\n"),
+            403);
+  EXPECT_EQ(answerStatus(this->port(), "/?token=s3cret",
+                         upgrade + "Origin: http://localhost:" + port + "\r\n"),
+            101);
+}
+
+TEST_F(GatewayTest, AConsoleConnectionServesSeveralFilesWhenKeptAlive) {
+  ConsoleFolder files;
+  GatewayOptions options;
+  options.consoleFolder = files.folder();
+  start("", options);
+  net::io_context ioc;
+  tcp::socket socket(ioc);
+  net::connect(socket, tcp::resolver(ioc).resolve("127.0.0.1", std::to_string(port())));
+  beast::flat_buffer buffer;
+  for (const char* target : {"/", "/main.js", "/icons/"}) {
+    http::request<http::empty_body> request(http::verb::get, target, 11);
+    request.set(http::field::host, "127.0.0.1");
+    request.keep_alive(true);
+    http::write(socket, request);
+    http::response<http::string_body> response;
+    http::read(socket, buffer, response);
+    EXPECT_EQ(response.result_int(), 200) << target;
+    EXPECT_TRUE(response.keep_alive()) << target;
+  }
+}
+
+TEST_F(GatewayTest, WithoutAConsoleFolderPlainHttpIsStillToldToUpgrade) {
+  GatewayOptions options;
+  options.consoleFolder = "/nonexistent/bexko/console";
+  start("", options);
+  EXPECT_EQ(gateway_->consoleUrl(), "");
+  EXPECT_EQ(answerStatus(port(), "/", ""), 426);
 }
 
 }  // namespace

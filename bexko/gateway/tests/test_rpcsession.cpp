@@ -1,11 +1,14 @@
 #include <bexko/gateway/rpcsession.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <future>
+#include <memory>
 #include <mutex>
+#include <regex>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -14,9 +17,11 @@
 #include <gtest/gtest.h>
 
 #include <bexko/testing/testhost.h>
+#include <ko/log.h>
 #include <ko/signal.h>
 #include <ko/version.h>
 #include <zr/zrerror.h>
+#include "../src/logfeed.h"
 
 namespace bexko {
 namespace gateway {
@@ -537,6 +542,101 @@ TEST_F(RpcSessionTest, PostsAndSubscriptionsInABatchWorkAsAlone) {
   EXPECT_TRUE(frames[0].is_array()) << frames[0].dump();
   memory.raiseEvent("Batch/Key", ZRValue(4));
   EXPECT_EQ(outbox_.notification("bexko.event", "key", "Batch/Key")["value"], 4);
+}
+
+TEST_F(RpcSessionTest, AFollowedLogSendsRecordsFromItsLevelUntilUnfollowedOrClosed) {
+  ko::log::setLevels("*=info,test.gateway.log=debug");
+  ko::log::CategoryType category = ko::log::addCategory("test.gateway.log");
+  const std::size_t subscribersBefore = LogFeed::instance().subscriberCount();
+  // Records of this test's category only: the host logs too, on its own threads.
+  auto records = [this] {
+    std::vector<json> found;
+    for (const json& frame : outbox_.frames()) {
+      if (frame.value("method", "") == "bexko.log" &&
+          frame["params"]["category"] == "test.gateway.log")
+        found.push_back(frame["params"]);
+    }
+    return found;
+  };
+  auto messages = [&] {
+    std::vector<std::string> found;
+    for (const json& record : records()) found.push_back(record["message"]);
+    return found;
+  };
+
+  EXPECT_EQ(call(1, "bexko.subscribeLog", {{"level", "warning"}})["result"], nullptr);
+  EXPECT_EQ(LogFeed::instance().subscriberCount(), subscribersBefore + 1);
+  // A record reaches the sinks before log() returns, so what was sent is in the outbox now.
+  KO_LOG(category, ko::log::info, "test") << "too chatty";
+  KO_LOG(category, ko::log::warning, "test") << "a warning";
+  KO_LOG(category, ko::log::error, "test") << "an error\nover two lines";
+  ASSERT_EQ(messages(), (std::vector<std::string>{"a warning", "an error\nover two lines"}));
+  const json first = records().front();
+  EXPECT_EQ(first["level"], "warning");
+  EXPECT_EQ(first["function"], "test");
+  EXPECT_TRUE(std::regex_match(first["time"].get<std::string>(),
+                               std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z)")))
+      << first["time"];
+
+  // Following again changes the level, by name or number, over the same subscription.
+  EXPECT_EQ(call(2, "bexko.subscribeLog", {{"level", 6}})["result"], nullptr);
+  EXPECT_EQ(LogFeed::instance().subscriberCount(), subscribersBefore + 1);
+  KO_LOG(category, ko::log::debug, "test") << "now wanted";
+  EXPECT_EQ(messages().back(), "now wanted");
+
+  EXPECT_EQ(call(3, "bexko.unsubscribeLog", nullptr)["result"], nullptr);
+  KO_LOG(category, ko::log::error, "test") << "after unsubscribe";
+  EXPECT_EQ(messages().back(), "now wanted");
+
+  // Closing drops a subscription left in place.
+  EXPECT_EQ(call(4, "bexko.subscribeLog", nullptr)["result"], nullptr);  // default: info
+  KO_LOG(category, ko::log::info, "test") << "info by default";
+  EXPECT_EQ(messages().back(), "info by default");
+  session_->close();
+  EXPECT_EQ(LogFeed::instance().subscriberCount(), subscribersBefore);
+  KO_LOG(category, ko::log::error, "test") << "after close";
+  EXPECT_EQ(messages().back(), "info by default");
+  ko::log::setLevels("*=info");
+}
+
+TEST_F(RpcSessionTest, ALogLevelThatIsNoLevelIsRefused) {
+  const std::size_t subscribersBefore = LogFeed::instance().subscriberCount();
+  for (const json& params : {json{{"level", "loud"}}, json{{"level", 0}}, json{{"level", 7}},
+                             json{{"level", true}}, json::array({"info"})}) {
+    EXPECT_EQ(call(params.dump(), "bexko.subscribeLog", params)["error"]["code"],
+              rpcerror::InvalidParams)
+        << params;
+  }
+  EXPECT_EQ(LogFeed::instance().subscriberCount(), subscribersBefore);
+}
+
+TEST_F(RpcSessionTest, SessionsFollowingTheLogComeAndGoWhileRecordsFlow) {
+  ko::log::CategoryType category = ko::log::addCategory("test.gateway.logflow");
+  const std::size_t subscribersBefore = LogFeed::instance().subscriberCount();
+  std::atomic<bool> flowing{true};
+  std::thread logger([&] {
+    while (flowing) KO_LOG(category, ko::log::warning, "flow") << "a record";
+  });
+  // Outboxes outlive the sessions: a session dropped without close() may still be sending
+  // from the logging thread, where it is then destroyed.
+  std::vector<std::unique_ptr<Outbox>> outboxes;
+  for (int i = 0; i < 40; ++i) {
+    outboxes.push_back(std::make_unique<Outbox>());
+    Outbox& box = *outboxes.back();
+    auto session = RpcSession::create(host_.broker(), box.sender());
+    session->handleText(request(1, "bexko.subscribeLog", {{"level", "warning"}}));
+    ASSERT_EQ(box.answer(1)["result"], nullptr);
+    ASSERT_FALSE(box.waitFor([](const json& f) {
+                      return f.value("method", "") == "bexko.log" &&
+                             f["params"]["category"] == "test.gateway.logflow";
+                    })
+                     .is_null());
+    if (i % 2 == 0) session->close();
+    session.reset();
+  }
+  flowing = false;
+  logger.join();
+  EXPECT_EQ(LogFeed::instance().subscriberCount(), subscribersBefore);
 }
 
 }  // namespace

@@ -40,6 +40,10 @@ struct GatewayOptions {
   std::chrono::seconds idleTimeout{60};
   /// Per-connection limits of the JSON-RPC layer.
   RpcLimits limits;
+  /// Folder of the web console's static files, served to plain HTTP GET and HEAD requests on
+  /// the gateway's own address and port (see ConsoleFiles). Empty, or a folder that does not
+  /// exist: no console, and plain HTTP requests are answered 426 Upgrade Required.
+  std::string consoleFolder;
   /// Threads that run the network side (calls themselves run on the broker's pool).
   int ioThreads = 2;
 };
@@ -48,8 +52,10 @@ struct GatewayOptions {
 /// RpcSession per connection.
 ///
 /// Connections are refused (HTTP 401) without the access token when one is set, and (HTTP 403)
-/// when a browser sends an Origin that is not this machine. Plain HTTP requests are answered
-/// 426 Upgrade Required.
+/// when a browser sends an Origin that is neither this machine nor the gateway's own console.
+/// With a console folder, plain HTTP GET and HEAD requests get its files (no token needed: they
+/// hold no secret; the console asks for the token and presents it on its WebSocket); without
+/// one, plain HTTP requests are answered 426 Upgrade Required.
 class Gateway {
  public:
   Gateway(boost::shared_ptr<ZR::ZRBroker> broker, GatewayOptions options);
@@ -73,6 +79,8 @@ class Gateway {
   unsigned short port() const;
   /// "ws://ADDRESS:PORT", with IPv6 addresses in brackets.
   std::string url() const;
+  /// "http://ADDRESS:PORT/", where the console is served; empty without a console.
+  std::string consoleUrl() const;
 
   /// Open WebSocket connections.
   std::size_t connectionCount() const;

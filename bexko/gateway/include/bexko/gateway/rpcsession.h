@@ -52,7 +52,8 @@ struct RpcLimits {
 /// connection run concurrently and a stopAll can interrupt a say sent earlier on the same
 /// connection; their responses arrive in completion order. The host's own operations carry
 /// the prefix "bexko." (post, stop, modules, describe, subscribe, unsubscribe, connect,
-/// disconnect, keys, version).
+/// disconnect, keys, version, subscribeLog, unsubscribeLog). Calls of the methods that their
+/// module marks quick (ZRModuleCore::setMethodQuick) are answered within handleText.
 ///
 /// The members of a batch run as if each had come in a frame of its own, in array order and
 /// concurrently; the batch is answered by one frame, an array holding the answer of every
@@ -63,7 +64,7 @@ struct RpcLimits {
 /// which holds its id; events of a key subscribed in a batch may come before it.
 ///
 /// Every answer and notification leaves through the Sender given at creation, which must be
-/// safe to call from any thread and keep the order of its calls. After close() nothing is sent
+/// safe to call from any thread and keep the order of the calls made from one thread. After close() nothing is sent
 /// any more, subscriptions and signal connections are dropped, calls that have not started are
 /// dropped (also those waiting for a module's ko::FairMutex), and calls still running finish
 /// with their answers discarded. Posted calls are not dropped: posting hands the call over.
@@ -119,6 +120,8 @@ class RpcSession : public std::enable_shared_from_this<RpcSession> {
   void connect(const Request& request);
   void disconnect(const Request& request);
   void keys(const Request& request);
+  void subscribeLog(const Request& request);
+  void unsubscribeLog(const Request& request);
 
   boost::shared_ptr<services::Memory> memory() const;
   bool reserveCall(const Request& request);
@@ -143,8 +146,9 @@ class RpcSession : public std::enable_shared_from_this<RpcSession> {
   Sender sender_;
   bool open_ = true;
 
-  std::mutex linksMutex_;  // guards observers_ and signals_
+  std::mutex linksMutex_;  // guards observers_, signals_ and logSubscription_
   std::map<std::string, int> observers_;
+  int logSubscription_ = 0;  // the LogFeed id, 0 when the connection does not follow the log
   std::map<std::pair<std::string, std::string>, SignalConnection> signals_;
 
   std::atomic<std::size_t> callsInFlight_{0};
