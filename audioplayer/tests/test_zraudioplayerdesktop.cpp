@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <future>
@@ -105,7 +106,8 @@ class FakePlayerTest : public ::testing::Test {
   }
 
   static void clearFakeSettings() {
-    for (const char* name : {"FAKE_PLAYER_LOG", "FAKE_PLAYER_SECONDS", "FAKE_PLAYER_EXIT"})
+    for (const char* name :
+         {"FAKE_PLAYER_LOG", "FAKE_PLAYER_SECONDS", "FAKE_PLAYER_EXIT", "FAKE_PLAYER_SETTINGS"})
       unsetenv(name);
   }
 
@@ -417,17 +419,24 @@ TEST_F(LoopBackOff, OnlyPassesThatFailAtOnceAreFollowedByAWait) {
 }
 
 TEST_F(LoopBackOff, ALoopThatRecoversSaysSoOnceAndWaitsNoMore) {
-  setenv("FAKE_PLAYER_SECONDS", "0", 1);
-  setenv("FAKE_PLAYER_EXIT", "3", 1);
+  // What the player does is changed through a file the player reads, not the environment,
+  // which the loop's thread reads whenever it starts a player.
+  const std::string settings =
+      (std::filesystem::path(soundFile("song.wav")).parent_path() / "player-settings").string();
+  auto writeSettings = [&](const char* text) {
+    const std::string temporary = settings + ".tmp";
+    std::ofstream(temporary) << text;
+    std::filesystem::rename(temporary, settings);
+  };
+  writeSettings("0 3\n");
+  setenv("FAKE_PLAYER_SETTINGS", settings.c_str(), 1);
   createPlayer();
   const std::string song = soundFile("song.wav");
   const ZR::ZRPostedCall posted =
       host_.broker()->post("ZRAudioPlayer", "playFileInLoop", {ZRValue(song)});
   ASSERT_TRUE(waitForRuns(2));
-  // The loop is waiting 200 ms after its second failure (it starts no player meanwhile, so the
-  // environment may change under no spawn): from now on the player plays.
-  setenv("FAKE_PLAYER_EXIT", "0", 1);
-  setenv("FAKE_PLAYER_SECONDS", "0.05", 1);
+  // From now on the player plays.
+  writeSettings("0.05 0\n");
   ASSERT_TRUE(waitForRuns(8));
   ASSERT_TRUE(eventually([&] {
     host_.broker()->stop("ZRAudioPlayer", posted.id);

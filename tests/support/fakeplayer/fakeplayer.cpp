@@ -6,7 +6,10 @@
 //   <pid>.args     its argument vector, argv[0] first, one argument per line
 //   <pid>.signal   "15" when it was ended by the termination signal
 // It then "plays" for $FAKE_PLAYER_SECONDS (default 0.2) and exits with $FAKE_PLAYER_EXIT
-// (default 0). On signal 15 it dies of that signal, as a real player would.
+// (default 0). On signal 15 it dies of that signal, as a real player would. When the file
+// $FAKE_PLAYER_SETTINGS exists, its "SECONDS EXIT" replace those two: a test changes what the
+// next runs do by rewriting the file, without touching the environment of a process whose
+// threads may be starting players.
 //
 // The termination signal is blocked before the run is announced and taken with sigtimedwait,
 // so a signal sent at any moment after the announcement ends the run: there is no window
@@ -48,8 +51,18 @@ int main(int argc, char** argv) {
   fs::path log = environment("FAKE_PLAYER_LOG", "");
   if (log.empty()) log = fs::path(argc > 1 ? argv[1] : ".").parent_path();
   if (log.empty()) log = ".";
-  const double seconds = std::strtod(environment("FAKE_PLAYER_SECONDS", "0.2").c_str(), nullptr);
-  const int code = std::atoi(environment("FAKE_PLAYER_EXIT", "0").c_str());
+  double seconds = std::strtod(environment("FAKE_PLAYER_SECONDS", "0.2").c_str(), nullptr);
+  int code = std::atoi(environment("FAKE_PLAYER_EXIT", "0").c_str());
+  const std::string settingsFile = environment("FAKE_PLAYER_SETTINGS", "");
+  if (!settingsFile.empty()) {
+    std::ifstream settings(settingsFile);
+    double fileSeconds = 0;
+    int fileCode = 0;
+    if (settings >> fileSeconds >> fileCode) {
+      seconds = fileSeconds;
+      code = fileCode;
+    }
+  }
   const std::string pid = std::to_string(getpid());
 
   std::error_code ignored;
