@@ -117,6 +117,40 @@ TEST_F(RpcSessionTest, CallsByNameAreAnsweredWithTheResultOrTheFailure) {
   EXPECT_EQ(outbox_.frames().size(), 4u);
 }
 
+TEST_F(RpcSessionTest, QuickMethodsAreAnsweredBeforeTheFrameIsLeftAndAsOtherCallsAre) {
+  struct Case {
+    std::string method;
+    json params;
+    json result;  // or null, and then the error's code
+    int code;
+  };
+  const Case cases[] = {{"add", {2, 3}, 5, 0},
+                        {"add", {2}, nullptr, rpcerror::InvalidParams},
+                        {"fail", nullptr, nullptr, rpcerror::CallFailed},
+                        {"boom", nullptr, nullptr, rpcerror::CallFailed}};
+  int id = 0;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.method + " " + c.params.dump());
+    // The same call, first through a host thread, then marked quick.
+    json slow = call(++id, "ZRFake." + c.method, c.params);
+    fake_->setMethodQuick(c.method);
+    const std::size_t before = outbox_.frames().size();
+    session_->handleText(request(++id, "ZRFake." + c.method, c.params));
+    const auto frames = outbox_.frames();
+    ASSERT_EQ(frames.size(), before + 1) << "answered within handleText";
+    json quick = frames.back();
+    EXPECT_EQ(quick["id"], id);
+    if (c.code == 0) {
+      EXPECT_EQ(quick["result"], c.result);
+    } else {
+      EXPECT_EQ(quick["error"]["code"], c.code) << quick.dump();
+    }
+    quick.erase("id");
+    slow.erase("id");
+    EXPECT_EQ(quick, slow);
+  }
+}
+
 TEST_F(RpcSessionTest, EveryBadInputIsAnsweredWithItsErrorAndTheSessionGoesOn) {
   using namespace rpcerror;
   struct Case {
