@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <deque>
 #include <map>
 #include <mutex>
@@ -23,10 +24,15 @@ ko::log::CategoryType logCategory() {
 
 const char* const moduleName = "ZRMemory";
 
+// A batch that takes longer marks its subscriber slow: the next batch for it starts another
+// drainer first, so that the other subscribers do not wait behind it.
+constexpr std::chrono::milliseconds slowBatch(1);
+
 // One raise, shared by the deliveries of every subscriber of its key.
 struct RaisedValue {
   std::string key;
-  ZR::ZRValue value;
+  std::vector<ZR::ZRValue>
+      args;           // the callback's (key, value, "") of a subscription without message
   std::size_t bytes;  // what it costs a delivery queue that holds it
 };
 
@@ -50,6 +56,8 @@ struct DeliveryQueue {
   std::size_t pendingBytes = 0;
   std::size_t dropped = 0;  // deliveries dropped since the last drain began
   bool scheduled = false;
+  // Whether the last batch took long; only the drainer that has the queue touches it.
+  bool slow = false;
   std::atomic<bool> closed{false};
 };
 
@@ -79,12 +87,28 @@ std::size_t sizeOf(const ZR::ZRValue& value) {
   return bytes;
 }
 
-void deliver(ZR::ZRBroker& broker, const std::string& module, const Delivery& delivery) {
+// Calls the subscriber's callback on `target`, the module found for the batch; when it is gone,
+// the broker reports why.
+void deliver(ZR::ZRBroker& broker, ZR::ZRModuleCore* target, const std::string& module,
+             const Delivery& delivery) {
   const RaisedValue& raised = *delivery.raised;
   const Subscription& subscription = *delivery.subscription;
   try {
-    broker.call(module, subscription.callbackMethod,
-                {ZR::ZRValue(raised.key), raised.value, ZR::ZRValue(subscription.message)});
+    if (subscription.message.empty()) {
+      if (target) {
+        target->callMethod(subscription.callbackMethod, raised.args);
+      } else {
+        broker.call(module, subscription.callbackMethod, raised.args);
+      }
+    } else {
+      const std::vector<ZR::ZRValue> args{raised.args[0], raised.args[1],
+                                          ZR::ZRValue(subscription.message)};
+      if (target) {
+        target->callMethod(subscription.callbackMethod, args);
+      } else {
+        broker.call(module, subscription.callbackMethod, args);
+      }
+    }
   } catch (const ZR::ZRError& e) {
     KO_LOG(logCategory(), ko::log::error, "raiseEvent")
         << "Delivery of \"" << raised.key << "\" to " << module << "."
@@ -215,8 +239,9 @@ struct Memory::Impl : std::enable_shared_from_this<Memory::Impl> {
   }
 
   // Puts queues that have deliveries on the ready list and makes sure a drainer will take them.
+  // Also starts a drainer when queues wait and every drainer is inside a callback, which is how
+  // a subscriber that turned slow stops holding back the queues behind it.
   void schedule(std::vector<std::shared_ptr<DeliveryQueue>>& newlyReady) {
-    if (newlyReady.empty()) return;
     bool post = false;
     {
       std::lock_guard<std::mutex> lock(readyMutex);
@@ -272,8 +297,10 @@ struct Memory::Impl : std::enable_shared_from_this<Memory::Impl> {
       std::shared_ptr<DeliveryQueue> queue = std::move(ready.front());
       ready.pop_front();
       --idleDrainers;
-      // The other ready queues must not wait behind this batch if its subscriber is slow.
-      const bool post = claimDrainer();
+      // The other ready queues must not wait behind this batch if its subscriber was slow the
+      // last time. (A subscriber slow for the first time holds the others back only until the
+      // next raise, which starts a drainer when every running one is inside a callback.)
+      const bool post = queue->slow && claimDrainer();
       readyLock.unlock();
       if (post) postDrainer();
 
@@ -290,12 +317,18 @@ struct Memory::Impl : std::enable_shared_from_this<Memory::Impl> {
             << queue->module << " did not keep up with its subscriptions: " << dropped
             << " older deliveries were dropped";
       }
+      const auto batchStart = std::chrono::steady_clock::now();
       boost::shared_ptr<ZR::ZRBroker> owner = broker.lock();
+      // The module is looked up once per batch, not once per delivery.
+      boost::shared_ptr<ZR::ZRModuleCore> target =
+          owner ? owner->getModuleByName(queue->module) : nullptr;
       for (const Delivery& delivery : batch) {
         if (!owner) break;  // the host is going away
         if (queue->closed.load(std::memory_order_acquire)) break;
-        deliver(*owner, queue->module, delivery);
+        deliver(*owner, target.get(), queue->module, delivery);
       }
+      target.reset();
+      queue->slow = std::chrono::steady_clock::now() - batchStart > slowBatch;
       batch.clear();  // the values go before the next batch begins
 
       bool more = false;
@@ -452,7 +485,8 @@ void Memory::raiseEvent(const std::string& key, const ZR::ZRValue& value) {
   // Every subscriber gets the same copy of the value; the raise only queues it, and the host's
   // threads deliver it.
   if (subscribers) {
-    auto raised = std::make_shared<const RaisedValue>(RaisedValue{key, value, bytes});
+    auto raised = std::make_shared<const RaisedValue>(
+        RaisedValue{key, {ZR::ZRValue(key), value, ZR::ZRValue(std::string())}, bytes});
     std::vector<std::shared_ptr<DeliveryQueue>> newlyReady;
     for (const Subscriber& subscriber : *subscribers) {
       if (Impl::enqueue(*subscriber.queue, raised, subscriber.subscription)) {

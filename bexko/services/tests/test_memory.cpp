@@ -226,15 +226,19 @@ class SlowSubscriberTest : public MemoryTest {
 };
 
 TEST_F(SlowSubscriberTest, HoldsBackNeitherTheRaiserNorTheOtherSubscribers) {
-  FakeModule& slow = addHeldListener("SlowListener");
+  // Named so that the slow one's queue comes first: its first delivery holds a job while the
+  // fast one's waits behind it.
+  FakeModule& slow = addHeldListener("ASlowListener");
   FakeModule& fast = addListener("FastListener");
-  memory.subscribeToEvent("Fan/Key", "SlowListener", "onEvent");
+  memory.subscribeToEvent("Fan/Key", "ASlowListener", "onEvent");
   memory.subscribeToEvent("Fan/Key", "FastListener", "onEvent");
 
   // Every raise returns and the fast subscriber gets everything while the slow one is held in
   // its first delivery.
   const int raises = 200;
-  for (int i = 0; i < raises; ++i) memory.raiseEvent("Fan/Key", ZRValue(i));
+  memory.raiseEvent("Fan/Key", ZRValue(0));
+  ASSERT_TRUE(slow.waitForCalls("onEvent", 1, waitMs));
+  for (int i = 1; i < raises; ++i) memory.raiseEvent("Fan/Key", ZRValue(i));
   ASSERT_TRUE(fast.waitForCalls("onEvent", raises, waitMs));
   EXPECT_EQ(1u, slow.calls().size());
 
