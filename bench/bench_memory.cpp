@@ -1,12 +1,19 @@
 // Throughput of the event store: raiseEvent called by name through ZRMemoryProxy, with 0, 1 and
 // 8 subscribed modules. With subscribers, each iteration raises a batch and waits until every
 // subscriber has received all of it, so the figure is raises delivered end to end per second.
+// After the runs it prints the medians side by side, as ratios measured in this one run.
+//
+//   bench_memory            (medians of 5 repetitions, then the comparison)
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
+#include <map>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <unistd.h>
 
 #include <benchmark/benchmark.h>
 #include <boost/filesystem.hpp>
@@ -91,6 +98,42 @@ BENCHMARK(BM_RaiseEvent)
     ->ReportAggregatesOnly(true)
     ->UseRealTime();
 
+/// The console report, keeping each benchmark's median raises per second for the comparison.
+class MedianKeeper : public benchmark::ConsoleReporter {
+ public:
+  MedianKeeper() : ConsoleReporter(isatty(STDOUT_FILENO) ? OO_Defaults : OO_Tabular) {}
+  void ReportRuns(const std::vector<Run>& runs) override {
+    ConsoleReporter::ReportRuns(runs);
+    for (const Run& run : runs) {
+      if (run.run_type != Run::RT_Aggregate || run.aggregate_name != "median") continue;
+      auto rate = run.counters.find("items_per_second");
+      if (rate != run.counters.end()) medians[run.run_name.args] = rate->second.value;
+    }
+  }
+  std::map<std::string, double> medians;  // "subscribers:N" -> raises/s
+};
+
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  MedianKeeper reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  const auto& m = reporter.medians;
+  auto rate = [&m](const char* args) {
+    auto found = m.find(args);
+    return found == m.end() ? 0.0 : found->second;
+  };
+  const double none = rate("subscribers:0"), one = rate("subscribers:1"),
+               eight = rate("subscribers:8");
+  std::printf("\nraises/s delivered end to end (medians):\n");
+  std::printf("  0 subscribers %12.0f\n  1 subscriber  %12.0f\n  8 subscribers %12.0f\n", none, one,
+              eight);
+  if (one > 0 && eight > 0) {
+    // With perfect fan-out, 8 subscribers would deliver 8 times the deliveries of one.
+    std::printf("  ratio raises/s 8 subscribers / 1 subscriber: %.3f\n", eight / one);
+    std::printf("  ratio deliveries/s 8 subscribers / 1 subscriber: %.3f\n", 8.0 * eight / one);
+  }
+  return 0;
+}

@@ -85,11 +85,10 @@ void ZRTextToSpeech::xAnnounceWord(int position) {
   std::string word;
   {
     boost::unique_lock<boost::shared_mutex> wordsLock(currentWordsLock);
-    if (currentWords.empty()) {
+    if (announcedWords >= currentWords.size()) {
       return;
     }
-    word = currentWords.front();
-    currentWords.erase(currentWords.begin());
+    word = std::move(currentWords[announcedWords++]);
   }
   memoryProxy->raiseEvent(strPositionOfCurrentWordEvent, ZRValue(wordPosition));
   memoryProxy->raiseEvent(strCurrentWordEvent, ZRValue(word));

@@ -187,6 +187,7 @@ void ZRTextToSpeech::xSay(const std::string& text, ZR::VoiceSetting setting, boo
     {
       boost::unique_lock<boost::shared_mutex> wordsLock(currentWordsLock);
       currentWords.clear();
+      announcedWords = 0;
     }
     xConcludeSay(task, std::string(), "done");
   } catch (const ZRError& e) {
@@ -245,6 +246,10 @@ void ZRTextToSpeech::xSpeakingLoop(boost::shared_ptr<ZRTextToSpeechTask> task) {
   }
   {
     boost::unique_lock<boost::shared_mutex> wordsLock(currentWordsLock);
+    // Words a stopped sentence left unannounced still come first, as they always did.
+    currentWords.erase(currentWords.begin(),
+                       currentWords.begin() + static_cast<std::ptrdiff_t>(announcedWords));
+    announcedWords = 0;
     ZR::tokenizeString(shown, currentWords, " .,;:!");
   }
 

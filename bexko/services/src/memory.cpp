@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <deque>
 #include <map>
 #include <mutex>
@@ -23,27 +24,50 @@ ko::log::CategoryType logCategory() {
 
 const char* const moduleName = "ZRMemory";
 
-struct Delivery {
-  std::string method;
-  std::string key;
-  ZR::ZRValue value;
-  std::string message;
-};
+// A batch that takes longer marks its subscriber slow: the next batch for it starts another
+// drainer first, so that the other subscribers do not wait behind it.
+constexpr std::chrono::milliseconds slowBatch(1);
 
-/// The deliveries waiting for one subscribed module. At most one pool job drains it at a time,
-/// which keeps the module's deliveries in raise order.
-struct DeliveryQueue {
-  std::string module;
-  std::mutex mutex;
-  std::deque<Delivery> pending;
-  bool draining = false;
-  bool closed = false;
+// One raise, shared by the deliveries of every subscriber of its key.
+struct RaisedValue {
+  std::string key;
+  std::vector<ZR::ZRValue>
+      args;           // the callback's (key, value, "") of a subscription without message
+  std::size_t bytes;  // what it costs a delivery queue that holds it
 };
 
 struct Subscription {
   std::string message;
   std::string callbackMethod;
 };
+
+struct Delivery {
+  std::shared_ptr<const RaisedValue> raised;
+  std::shared_ptr<const Subscription> subscription;  // as it was when the key was raised
+};
+
+/// The deliveries waiting for one subscribed module, in raise order. `scheduled` is set while
+/// the queue waits in the ready list or a drainer delivers from it: at most one drainer works on
+/// a queue at a time, which keeps the module's deliveries in raise order.
+struct DeliveryQueue {
+  std::string module;
+  std::mutex mutex;
+  std::deque<Delivery> pending;
+  std::size_t pendingBytes = 0;
+  std::size_t dropped = 0;  // deliveries dropped since the last drain began
+  bool scheduled = false;
+  // Whether the last batch took long; only the drainer that has the queue touches it.
+  bool slow = false;
+  std::atomic<bool> closed{false};
+};
+
+/// What a raise of one key hands to each of its subscribers, in module name order. Replaced,
+/// never edited, so that a raise takes it with one reference count.
+struct Subscriber {
+  std::shared_ptr<DeliveryQueue> queue;
+  std::shared_ptr<const Subscription> subscription;
+};
+using SubscriberList = std::vector<Subscriber>;
 
 struct ObserverEntry {
   int id;
@@ -63,43 +87,46 @@ std::size_t sizeOf(const ZR::ZRValue& value) {
   return bytes;
 }
 
-void drain(const std::shared_ptr<DeliveryQueue>& queue, const boost::weak_ptr<ZR::ZRBroker>& weak) {
-  for (;;) {
-    Delivery delivery;
-    {
-      std::lock_guard<std::mutex> lock(queue->mutex);
-      if (queue->pending.empty() || queue->closed) {
-        queue->pending.clear();
-        queue->draining = false;
-        return;
+// Calls the subscriber's callback on `target`, the module found for the batch; when it is gone,
+// the broker reports why.
+void deliver(ZR::ZRBroker& broker, ZR::ZRModuleCore* target, const std::string& module,
+             const Delivery& delivery) {
+  const RaisedValue& raised = *delivery.raised;
+  const Subscription& subscription = *delivery.subscription;
+  try {
+    if (subscription.message.empty()) {
+      if (target) {
+        target->callMethod(subscription.callbackMethod, raised.args);
+      } else {
+        broker.call(module, subscription.callbackMethod, raised.args);
       }
-      delivery = std::move(queue->pending.front());
-      queue->pending.pop_front();
+    } else {
+      const std::vector<ZR::ZRValue> args{raised.args[0], raised.args[1],
+                                          ZR::ZRValue(subscription.message)};
+      if (target) {
+        target->callMethod(subscription.callbackMethod, args);
+      } else {
+        broker.call(module, subscription.callbackMethod, args);
+      }
     }
-    boost::shared_ptr<ZR::ZRBroker> broker = weak.lock();
-    if (!broker) continue;  // the host is going away; the loop empties the queue
-    try {
-      broker->call(queue->module, delivery.method,
-                   {ZR::ZRValue(delivery.key), delivery.value, ZR::ZRValue(delivery.message)});
-    } catch (const ZR::ZRError& e) {
-      KO_LOG(logCategory(), ko::log::error, "raiseEvent")
-          << "Delivery of \"" << delivery.key << "\" to " << queue->module << "." << delivery.method
-          << " failed: " << e.toString();
-    } catch (const std::exception& e) {
-      KO_LOG(logCategory(), ko::log::error, "raiseEvent")
-          << "Delivery of \"" << delivery.key << "\" to " << queue->module << "." << delivery.method
-          << " failed: " << e.what();
-    } catch (...) {
-      KO_LOG(logCategory(), ko::log::error, "raiseEvent")
-          << "Delivery of \"" << delivery.key << "\" to " << queue->module << "." << delivery.method
-          << " failed with an unknown exception";
-    }
+  } catch (const ZR::ZRError& e) {
+    KO_LOG(logCategory(), ko::log::error, "raiseEvent")
+        << "Delivery of \"" << raised.key << "\" to " << module << "."
+        << subscription.callbackMethod << " failed: " << e.toString();
+  } catch (const std::exception& e) {
+    KO_LOG(logCategory(), ko::log::error, "raiseEvent")
+        << "Delivery of \"" << raised.key << "\" to " << module << "."
+        << subscription.callbackMethod << " failed: " << e.what();
+  } catch (...) {
+    KO_LOG(logCategory(), ko::log::error, "raiseEvent")
+        << "Delivery of \"" << raised.key << "\" to " << module << "."
+        << subscription.callbackMethod << " failed with an unknown exception";
   }
 }
 
 }  // namespace
 
-struct Memory::Impl {
+struct Memory::Impl : std::enable_shared_from_this<Memory::Impl> {
   boost::weak_ptr<ZR::ZRBroker> broker;
 
   // Orders raises: a raise stores, enqueues and runs the observers as one step, so every
@@ -111,9 +138,20 @@ struct Memory::Impl {
   std::mutex dataMutex;
   std::map<std::string, ZR::ZRValue> data;
   std::size_t dataBytes = 0;  // sizeOf every value in `data`
-  std::map<std::string, std::map<std::string, Subscription>> subscriptions;  // key -> module
+  std::map<std::string, std::map<std::string, std::shared_ptr<const Subscription>>>
+      subscriptions;                                                         // key -> module
+  std::map<std::string, std::shared_ptr<const SubscriberList>> subscribers;  // key -> snapshot
   std::map<std::string, std::shared_ptr<DeliveryQueue>> queues;              // module -> queue
   bool closed = false;
+
+  // The queues that have deliveries and no drainer, oldest first, and the host jobs that drain
+  // them. A drainer takes one queue, delivers everything it holds as one batch, puts it back at
+  // the end of the list if more came meanwhile, and ends when the list is empty. `idleDrainers`
+  // counts the drainers that are not inside a callback (posted, or between two batches).
+  std::mutex readyMutex;
+  std::deque<std::shared_ptr<DeliveryQueue>> ready;
+  std::size_t drainers = 0;
+  std::size_t idleDrainers = 0;
 
   // Observers by key ("" for those of every key). Each key's list is replaced, never edited, so
   // that a raise takes a snapshot of its two lists in O(log n) and runs them without a lock;
@@ -129,8 +167,9 @@ struct Memory::Impl {
     return it == observers.end() ? nullptr : it->second;
   }
 
-  // Stores `value` under `key`, within the bounds of the store. Called with dataMutex held.
-  void store(const std::string& key, const ZR::ZRValue& value, const char* method) {
+  // Stores `value` under `key`, within the bounds of the store, and returns what it costs.
+  // Called with dataMutex held.
+  std::size_t store(const std::string& key, const ZR::ZRValue& value, const char* method) {
     const std::size_t bytes = sizeOf(value) + key.size();
     if (bytes > Memory::maxValueBytes) {
       throw ZR::ZRError(moduleName, method,
@@ -151,6 +190,7 @@ struct Memory::Impl {
     } else {
       found->second = value;
     }
+    return bytes;
   }
 
   std::shared_ptr<DeliveryQueue> queueFor(const std::string& module) {
@@ -162,30 +202,145 @@ struct Memory::Impl {
     return queue;
   }
 
-  void enqueue(const std::shared_ptr<DeliveryQueue>& queue, Delivery delivery) {
-    {
-      std::lock_guard<std::mutex> lock(queue->mutex);
-      if (queue->closed) return;
-      queue->pending.push_back(std::move(delivery));
-      if (queue->draining) return;
-      queue->draining = true;
-    }
-    boost::shared_ptr<ZR::ZRBroker> owner = broker.lock();
-    if (!owner) {
-      std::lock_guard<std::mutex> lock(queue->mutex);
-      queue->pending.clear();
-      queue->draining = false;
+  // Rebuilds the snapshot that raises of `key` read. Called with dataMutex held.
+  void refreshSubscribers(const std::string& key) {
+    auto found = subscriptions.find(key);
+    if (found == subscriptions.end() || found->second.empty()) {
+      if (found != subscriptions.end()) subscriptions.erase(found);
+      subscribers.erase(key);
       return;
     }
-    boost::weak_ptr<ZR::ZRBroker> weak = broker;
+    auto list = std::make_shared<SubscriberList>();
+    list->reserve(found->second.size());
+    for (const auto& entry : found->second) {
+      list->push_back(Subscriber{queueFor(entry.first), entry.second});
+    }
+    subscribers[key] = std::move(list);
+  }
+
+  // Appends a delivery to a subscriber's queue; true when the queue needs a drainer. A queue
+  // beyond its bounds loses its oldest deliveries, so that a subscriber that does not keep up
+  // costs neither the raiser nor the host more than the bounds.
+  static bool enqueue(DeliveryQueue& queue, const std::shared_ptr<const RaisedValue>& raised,
+                      const std::shared_ptr<const Subscription>& subscription) {
+    std::lock_guard<std::mutex> lock(queue.mutex);
+    if (queue.closed) return false;
+    queue.pending.push_back(Delivery{raised, subscription});
+    queue.pendingBytes += raised->bytes;
+    while (queue.pending.size() > Memory::maxPendingDeliveries ||
+           (queue.pendingBytes > Memory::maxPendingBytes && queue.pending.size() > 1)) {
+      queue.pendingBytes -= queue.pending.front().raised->bytes;
+      queue.pending.pop_front();
+      ++queue.dropped;
+    }
+    if (queue.scheduled) return false;
+    queue.scheduled = true;
+    return true;
+  }
+
+  // Puts queues that have deliveries on the ready list and makes sure a drainer will take them.
+  // Also starts a drainer when queues wait and every drainer is inside a callback, which is how
+  // a subscriber that turned slow stops holding back the queues behind it.
+  void schedule(std::vector<std::shared_ptr<DeliveryQueue>>& newlyReady) {
+    bool post = false;
+    {
+      std::lock_guard<std::mutex> lock(readyMutex);
+      for (auto& queue : newlyReady) ready.push_back(std::move(queue));
+      post = claimDrainer();
+    }
+    if (post) postDrainer();
+  }
+
+  // Whether a new drainer should start for the ready list: only when every drainer is inside a
+  // callback, so that a slow subscriber holds back no other while fewer than maxDrainers are
+  // busy. Counts the new drainer when so. Called with readyMutex held.
+  bool claimDrainer() {
+    if (ready.empty() || idleDrainers > 0 || drainers >= Memory::maxDrainers) return false;
+    ++drainers;
+    ++idleDrainers;
+    return true;
+  }
+
+  void releaseDrainer() {
+    std::lock_guard<std::mutex> lock(readyMutex);
+    --drainers;
+    --idleDrainers;
+  }
+
+  void postDrainer() {
+    boost::shared_ptr<ZR::ZRBroker> owner = broker.lock();
+    if (!owner) {
+      releaseDrainer();
+      return;
+    }
+    std::weak_ptr<Impl> self = shared_from_this();
     try {
-      owner->threadPool().post([queue, weak] { drain(queue, weak); });
+      owner->threadPool().post([self] {
+        if (auto impl = self.lock()) impl->drain();
+      });
     } catch (const std::exception& e) {
-      std::lock_guard<std::mutex> lock(queue->mutex);
-      queue->pending.clear();
-      queue->draining = false;
+      releaseDrainer();
       KO_LOG(logCategory(), ko::log::error, "raiseEvent")
-          << "Could not schedule deliveries to " << queue->module << ": " << e.what();
+          << "Could not schedule deliveries: " << e.what();
+    }
+  }
+
+  // A drainer: delivers the ready queues, one batch of one queue at a time, until none is left.
+  void drain() {
+    std::unique_lock<std::mutex> readyLock(readyMutex);
+    for (;;) {
+      if (ready.empty()) {
+        --drainers;
+        --idleDrainers;
+        return;
+      }
+      std::shared_ptr<DeliveryQueue> queue = std::move(ready.front());
+      ready.pop_front();
+      --idleDrainers;
+      // The other ready queues must not wait behind this batch if its subscriber was slow the
+      // last time. (A subscriber slow for the first time holds the others back only until the
+      // next raise, which starts a drainer when every running one is inside a callback.)
+      const bool post = queue->slow && claimDrainer();
+      readyLock.unlock();
+      if (post) postDrainer();
+
+      std::deque<Delivery> batch;
+      std::size_t dropped = 0;
+      {
+        std::lock_guard<std::mutex> lock(queue->mutex);
+        batch.swap(queue->pending);
+        queue->pendingBytes = 0;
+        std::swap(dropped, queue->dropped);
+      }
+      if (dropped > 0) {
+        KO_LOG(logCategory(), ko::log::warning, "raiseEvent")
+            << queue->module << " did not keep up with its subscriptions: " << dropped
+            << " older deliveries were dropped";
+      }
+      const auto batchStart = std::chrono::steady_clock::now();
+      boost::shared_ptr<ZR::ZRBroker> owner = broker.lock();
+      // The module is looked up once per batch, not once per delivery.
+      boost::shared_ptr<ZR::ZRModuleCore> target =
+          owner ? owner->getModuleByName(queue->module) : nullptr;
+      for (const Delivery& delivery : batch) {
+        if (!owner) break;  // the host is going away
+        if (queue->closed.load(std::memory_order_acquire)) break;
+        deliver(*owner, target.get(), queue->module, delivery);
+      }
+      target.reset();
+      queue->slow = std::chrono::steady_clock::now() - batchStart > slowBatch;
+      batch.clear();  // the values go before the next batch begins
+
+      bool more = false;
+      {
+        std::lock_guard<std::mutex> lock(queue->mutex);
+        if (queue->closed) queue->pending.clear();
+        more = !queue->pending.empty();
+        queue->scheduled = more;
+      }
+      readyLock.lock();
+      ++idleDrainers;
+      if (more) ready.push_back(std::move(queue));
     }
   }
 
@@ -207,7 +362,7 @@ struct Memory::Impl {
 };
 
 Memory::Memory(boost::shared_ptr<ZR::ZRBroker> broker)
-    : ZR::ZRModule(broker, moduleName), impl_(new Impl) {
+    : ZR::ZRModule(broker, moduleName), impl_(std::make_shared<Impl>()) {
   impl_->broker = broker;
   setModuleDescription(
       "The event store: one value per key. Raising a key stores its value and notifies the "
@@ -313,27 +468,34 @@ void Memory::raiseEvent(const std::string& key, const ZR::ZRValue& value) {
   // Nobody listening: a store, nothing more.
   if (d.observerCount.load(std::memory_order_acquire) == 0) {
     std::lock_guard<std::mutex> lock(d.dataMutex);
-    auto subscribers = d.subscriptions.find(key);
-    if (subscribers == d.subscriptions.end() || subscribers->second.empty()) {
+    if (d.subscribers.find(key) == d.subscribers.end()) {
       d.store(key, value, "raiseEvent");
       return;
     }
   }
 
   std::lock_guard<std::recursive_mutex> dispatch(d.dispatchMutex);
-  std::vector<std::pair<std::shared_ptr<DeliveryQueue>, Delivery>> deliveries;
+  std::shared_ptr<const SubscriberList> subscribers;
+  std::size_t bytes = 0;
   {
     std::lock_guard<std::mutex> lock(d.dataMutex);
-    d.store(key, value, "raiseEvent");
-    auto subscribers = d.subscriptions.find(key);
-    if (subscribers != d.subscriptions.end() && !d.closed) {
-      for (const auto& entry : subscribers->second) {
-        deliveries.emplace_back(d.queueFor(entry.first), Delivery{entry.second.callbackMethod, key,
-                                                                  value, entry.second.message});
+    bytes = d.store(key, value, "raiseEvent");
+    auto found = d.subscribers.find(key);
+    if (found != d.subscribers.end() && !d.closed) subscribers = found->second;
+  }
+  // Every subscriber gets the same copy of the value; the raise only queues it, and the host's
+  // threads deliver it.
+  if (subscribers) {
+    auto raised = std::make_shared<const RaisedValue>(
+        RaisedValue{key, {ZR::ZRValue(key), value, ZR::ZRValue(std::string())}, bytes});
+    std::vector<std::shared_ptr<DeliveryQueue>> newlyReady;
+    for (const Subscriber& subscriber : *subscribers) {
+      if (Impl::enqueue(*subscriber.queue, raised, subscriber.subscription)) {
+        newlyReady.push_back(subscriber.queue);
       }
     }
+    d.schedule(newlyReady);
   }
-  for (auto& delivery : deliveries) d.enqueue(delivery.first, std::move(delivery.second));
 
   std::shared_ptr<const ObserverList> ofKey, ofEveryKey;
   {
@@ -392,7 +554,9 @@ void Memory::subscribeToMicroEvent(const std::string& key, const std::string& mo
   }
   std::lock_guard<std::mutex> lock(impl_->dataMutex);
   impl_->data.emplace(key, ZR::ZRValue());
-  impl_->subscriptions[key][module] = Subscription{message, callbackMethod};
+  impl_->subscriptions[key][module] =
+      std::make_shared<const Subscription>(Subscription{message, callbackMethod});
+  impl_->refreshSubscribers(key);
   KO_LOG(logCategory(), ko::log::debug, method)
       << module << "." << callbackMethod << " subscribed to \"" << key << "\"";
 }
@@ -401,8 +565,7 @@ void Memory::unsubscribeToEvent(const std::string& key, const std::string& modul
   std::lock_guard<std::mutex> lock(impl_->dataMutex);
   auto subscribers = impl_->subscriptions.find(key);
   if (subscribers == impl_->subscriptions.end()) return;
-  subscribers->second.erase(module);
-  if (subscribers->second.empty()) impl_->subscriptions.erase(subscribers);
+  if (subscribers->second.erase(module) > 0) impl_->refreshSubscribers(key);
 }
 
 void Memory::unsubscribeToMicroEvent(const std::string& key, const std::string& module) {
@@ -451,6 +614,7 @@ void Memory::exit() {
     std::lock_guard<std::mutex> lock(impl_->dataMutex);
     impl_->closed = true;
     impl_->subscriptions.clear();
+    impl_->subscribers.clear();
     for (auto& entry : impl_->queues) queues.push_back(entry.second);
     impl_->queues.clear();
   }
@@ -458,6 +622,11 @@ void Memory::exit() {
     std::lock_guard<std::mutex> lock(queue->mutex);
     queue->closed = true;
     queue->pending.clear();
+    queue->pendingBytes = 0;
+  }
+  {
+    std::lock_guard<std::mutex> lock(impl_->readyMutex);
+    impl_->ready.clear();
   }
   ZR::ZRModule::exit();
 }

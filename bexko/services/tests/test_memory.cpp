@@ -4,6 +4,8 @@
 #include <atomic>
 #include <chrono>
 #include <map>
+#include <memory>
+#include <string>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -207,5 +209,95 @@ TEST_F(MemoryTest, CallbacksRunOutsideTheStoreLockAndTheirFailuresAreContained) 
     return record.level == ko::log::error && record.message.find("refused") != std::string::npos;
   }));
 }
+
+// Subscribers that hold their delivery until the test lets them go.
+class SlowSubscriberTest : public MemoryTest {
+ protected:
+  FakeModule& addHeldListener(const std::string& name) {
+    return addListener(name, [held = held](const std::vector<ZRValue>&) {
+      while (held->load()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      return ZRValue();
+    });
+  }
+  void TearDown() override { *held = false; }
+
+  // Shared with the callbacks, which may still be returning when the test ends.
+  std::shared_ptr<std::atomic<bool>> held = std::make_shared<std::atomic<bool>>(true);
+};
+
+TEST_F(SlowSubscriberTest, HoldsBackNeitherTheRaiserNorTheOtherSubscribers) {
+  // Named so that the slow one's queue comes first: its first delivery holds a job while the
+  // fast one's waits behind it.
+  FakeModule& slow = addHeldListener("ASlowListener");
+  FakeModule& fast = addListener("FastListener");
+  memory.subscribeToEvent("Fan/Key", "ASlowListener", "onEvent");
+  memory.subscribeToEvent("Fan/Key", "FastListener", "onEvent");
+
+  // Every raise returns and the fast subscriber gets everything while the slow one is held in
+  // its first delivery.
+  const int raises = 200;
+  memory.raiseEvent("Fan/Key", ZRValue(0));
+  ASSERT_TRUE(slow.waitForCalls("onEvent", 1, waitMs));
+  for (int i = 1; i < raises; ++i) memory.raiseEvent("Fan/Key", ZRValue(i));
+  ASSERT_TRUE(fast.waitForCalls("onEvent", raises, waitMs));
+  EXPECT_EQ(1u, slow.calls().size());
+
+  *held = false;
+  ASSERT_TRUE(slow.waitForCalls("onEvent", raises, waitMs));
+  for (FakeModule* listener : {&slow, &fast}) {
+    const auto calls = listener->calls();
+    ASSERT_EQ(static_cast<size_t>(raises), calls.size());
+    for (int i = 0; i < raises; ++i) EXPECT_EQ(ZRValue(i), calls[i].args.at(1)) << i;
+  }
+}
+
+struct FallingBehindCase {
+  const char* name;
+  std::size_t valueBytes;  // of each raised string
+  std::size_t kept;        // deliveries a held subscriber keeps queued
+};
+
+class FallingBehindTest : public SlowSubscriberTest,
+                          public ::testing::WithParamInterface<FallingBehindCase> {};
+
+TEST_P(FallingBehindTest, SubscriberLosesItsOldestDeliveriesWithAWarning) {
+  const FallingBehindCase& c = GetParam();
+  FakeModule& slow = addHeldListener("SlowListener");
+  memory.subscribeToEvent("Behind/Key", "SlowListener", "onEvent");
+  const std::string padding(c.valueBytes, 'x');
+  auto valueOf = [&padding](int i) { return ZRValue(std::to_string(i) + padding); };
+
+  memory.raiseEvent("Behind/Key", valueOf(0));
+  ASSERT_TRUE(slow.waitForCalls("onEvent", 1, waitMs));  // held in its first delivery
+  const int more = static_cast<int>(c.kept) + 10;
+  for (int i = 1; i <= more; ++i) memory.raiseEvent("Behind/Key", valueOf(i));
+  *held = false;
+
+  // The first delivery, then the newest `kept`, in raise order.
+  ASSERT_TRUE(slow.waitForCalls("onEvent", 1 + c.kept, waitMs));
+  const auto calls = slow.calls();
+  ASSERT_EQ(1 + c.kept, calls.size());
+  EXPECT_EQ(valueOf(0), calls[0].args.at(1));
+  for (std::size_t n = 1; n < calls.size(); ++n) {
+    ASSERT_EQ(valueOf(more - static_cast<int>(c.kept) + static_cast<int>(n)), calls[n].args.at(1))
+        << n;
+  }
+  EXPECT_EQ(valueOf(more), memory.getData("Behind/Key"));
+  const auto logs = host.logRecords("bexko.services.memory");
+  EXPECT_TRUE(std::any_of(logs.begin(), logs.end(), [](const ko::log::Record& record) {
+    return record.level == ko::log::warning &&
+           record.message.find(
+               "SlowListener did not keep up with its subscriptions: 10 older "
+               "deliveries were dropped") != std::string::npos;
+  }));
+}
+
+// Values of 512 KiB (and their key and a few bytes) fill the byte bound at 31 of them.
+INSTANTIATE_TEST_SUITE_P(
+    Bounds, FallingBehindTest,
+    ::testing::Values(FallingBehindCase{"ByCount", 0,
+                                        bexko::services::Memory::maxPendingDeliveries},
+                      FallingBehindCase{"ByBytes", 512 * 1024, 31}),
+    [](const ::testing::TestParamInfo<FallingBehindCase>& info) { return info.param.name; });
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <list>
@@ -272,8 +273,11 @@ class ZRTextToSpeech : public ZRModule, public TextToSpeechEngineCallbackInterfa
   int textOffset;
   // Set and read by any client thread without a lock.
   std::atomic<float> volume;
+  // The words of the sentence being spoken; the first `announcedWords` of them have been
+  // announced, so a word event costs the same however long the sentence is.
   std::vector<std::string> currentWords;
-  boost::shared_mutex currentWordsLock;
+  std::size_t announcedWords = 0;
+  boost::shared_mutex currentWordsLock;  // guards the two above
   // Read by stop requests on other threads while the speaking thread sets it.
   std::atomic<int> currentTaskId;
   int lastTaskId;

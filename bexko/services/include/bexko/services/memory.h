@@ -19,6 +19,12 @@ namespace services {
 /// broker on a host thread, never while the store holds a lock. Deliveries to one module run one
 /// at a time, in raise order, so a module sees the values of each key in the order they were
 /// raised. An error thrown by a callback is logged and does not reach the raiser.
+///
+/// A raise only queues its value for each subscribed module (one shared copy for all of them);
+/// a few host jobs deliver the queues, each queue's deliveries as one batch, so a raise costs
+/// the same however slow the subscribers are. A module that falls behind by more than
+/// maxPendingDeliveries deliveries or maxPendingBytes bytes loses its oldest ones, with a
+/// warning in the log; the others are unaffected.
 class Memory : public ZR::ZRModule {
  public:
   /// Receives a raised key and its value, synchronously on the raising thread.
@@ -30,6 +36,12 @@ class Memory : public ZR::ZRModule {
   /// stores nothing.
   static constexpr std::size_t maxValueBytes = 1024 * 1024;
   static constexpr std::size_t maxStoreBytes = 64 * 1024 * 1024;
+  /// Bounds of the deliveries waiting for one subscribed module (values counted as above).
+  static constexpr std::size_t maxPendingDeliveries = 65536;
+  static constexpr std::size_t maxPendingBytes = 16 * 1024 * 1024;
+  /// Host jobs that deliver at once. A new one starts only when every running one is inside a
+  /// callback, so slow subscribers hold back the others only when this many are slow at once.
+  static constexpr std::size_t maxDrainers = 16;
 
   explicit Memory(boost::shared_ptr<ZR::ZRBroker> broker);
   ~Memory() override;
@@ -72,7 +84,7 @@ class Memory : public ZR::ZRModule {
 
  private:
   struct Impl;
-  std::unique_ptr<Impl> impl_;
+  std::shared_ptr<Impl> impl_;  // shared with the jobs that deliver
 };
 
 }  // namespace services
