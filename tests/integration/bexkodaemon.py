@@ -22,6 +22,15 @@ BEXKO_CALL = os.path.join(BUILD_DIR, "bin", "bexko-call")
 sys.path.insert(0, os.path.join(BUILD_DIR, "python"))
 
 
+def run_checked(command, **kwargs):
+    # Runs a build or install step; fails the test with the step's output when it fails.
+    result = subprocess.run(command, capture_output=True, text=True, timeout=600, **kwargs)
+    if result.returncode != 0:
+        raise AssertionError("%s exited with %d:\n%s\n%s" % (
+            " ".join(command), result.returncode, result.stdout, result.stderr))
+    return result
+
+
 class Daemon:
     # The daemon under test; `fast` selects the engine's fast mode (no real-time pacing);
     # `program` is another bexko executable than the build tree's (an installed one).

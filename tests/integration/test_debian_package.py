@@ -5,20 +5,12 @@
 import glob
 import os
 import shutil
-import subprocess
 import sys
 import tempfile
 import unittest
 
 from bexkodaemon import BUILD_DIR, Daemon
-
-
-def run(command, **kwargs):
-    result = subprocess.run(command, capture_output=True, text=True, timeout=600, **kwargs)
-    if result.returncode != 0:
-        raise AssertionError("%s exited with %d:\n%s\n%s" % (
-            " ".join(command), result.returncode, result.stdout, result.stderr))
-    return result
+from bexkodaemon import run_checked as run
 
 
 class DebianPackage(unittest.TestCase):

@@ -10,18 +10,10 @@ import tempfile
 import unittest
 
 from bexkodaemon import BEXKO, BUILD_DIR, Daemon, Recorder
+from bexkodaemon import run_checked as run
 
 SOURCE_DIR = os.path.abspath(os.path.join(os.path.dirname(__file__), "..", ".."))
 EXAMPLE = os.path.join(SOURCE_DIR, "examples", "hello-module")
-
-
-def run(command, **kwargs):
-    # Runs a build step; fails the test with its output when it fails.
-    result = subprocess.run(command, capture_output=True, text=True, timeout=600, **kwargs)
-    if result.returncode != 0:
-        raise AssertionError("%s exited with %d:\n%s\n%s" % (
-            " ".join(command), result.returncode, result.stdout, result.stderr))
-    return result
 
 
 def sanitizer_flags():
