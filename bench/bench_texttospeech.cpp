@@ -18,6 +18,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <map>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -61,17 +62,28 @@ class DiscardingCallback : public TextToSpeechEngineCallbackInterface {
   void TTSEventCallBack(ZR::TextToSpeechEngineEvent, int, unsigned int) override {}
 };
 
-void BM_EngineAlone(benchmark::State& state) {
-  bexko::testing::TestHost host{bexko::testing::TestHostOptions{true}};
+/// The engine alone, without the speech service, on the packages of `host`, in English; null
+/// when no language is installed.
+std::unique_ptr<ZR::TextToSpeechManager> englishEngine(bexko::testing::TestHost& host,
+                                                       DiscardingCallback& callback) {
   auto packages =
       host.broker()->getProxy("PackageManager")->call<std::vector<ko::PackageInfo>>("packages");
+  auto manager = std::make_unique<ZR::TextToSpeechManager>(
+      &callback, boost::make_shared<ZR::TTSLanguageInfo>());
+  if (!manager->initialize(packages)) return nullptr;
+  manager->setCurrentLanguage("English");
+  return manager;
+}
+
+void BM_EngineAlone(benchmark::State& state) {
+  bexko::testing::TestHost host{bexko::testing::TestHostOptions{true}};
   DiscardingCallback callback;
-  ZR::TextToSpeechManager manager(&callback, boost::make_shared<ZR::TTSLanguageInfo>());
-  if (!manager.initialize(packages)) {
+  auto engine = englishEngine(host, callback);
+  if (!engine) {
     state.SkipWithError("no language installed");
     return;
   }
-  manager.setCurrentLanguage("English");
+  ZR::TextToSpeechManager& manager = *engine;
   manager.startSynthetizer(kSentence);
   for (auto _ : state) {
     manager.startSynthetizer(kSentence);
@@ -173,15 +185,13 @@ void BM_LongSayAgainstEngine(benchmark::State& state) {
                                              module->getName(), "onWord");
     subscribers.push_back(module);
   }
-  auto packages =
-      host.broker()->getProxy("PackageManager")->call<std::vector<ko::PackageInfo>>("packages");
   DiscardingCallback callback;
-  ZR::TextToSpeechManager manager(&callback, boost::make_shared<ZR::TTSLanguageInfo>());
-  if (!manager.initialize(packages)) {
+  auto engine = englishEngine(host, callback);
+  if (!engine) {
     state.SkipWithError("no language installed");
     return;
   }
-  manager.setCurrentLanguage("English");
+  ZR::TextToSpeechManager& manager = *engine;
   tts->say(kSentence);  // the first sentence applies the voice
   host.clearEvents();   // the test host records every raise: start each run empty
   const long before = subscribers.empty() ? 0 : settledCount(*subscribers.front());

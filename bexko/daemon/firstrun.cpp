@@ -1,6 +1,9 @@
 #include "firstrun.h"
 
 #include <cstdlib>
+#include <locale>
+
+#include <boost/algorithm/string/case_conv.hpp>
 
 #include <bexko/services/packagemanager.h>
 #include <bexko/services/preferencemanager.h>
@@ -22,16 +25,10 @@ const char* const kDomain = "com.veltra.robotwebpage";
 const char* const kKey = "ChosenLanguage";
 const char* const kFallback = "English";
 
-std::string lower(std::string text) {
-  for (char& c : text) {
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-  }
-  return text;
-}
-
 /// "fr_FR.UTF-8@euro" -> "fr_fr"; "fr" -> "fr".
 std::string bareLocale(const std::string& locale) {
-  return lower(locale.substr(0, locale.find_first_of(".@")));
+  return boost::algorithm::to_lower_copy(locale.substr(0, locale.find_first_of(".@")),
+                                         std::locale::classic());
 }
 
 std::string languagePart(const std::string& bare) { return bare.substr(0, bare.find('_')); }
