@@ -1,15 +1,20 @@
 // Gateway figures, printed as a small report:
 //  1. round trip of ZRTextToSpeech.getVolume through the gateway (p50, p99), against a Beast
-//     WebSocket echo server on the same machine as the floor, as a ratio measured in one run;
+//     WebSocket echo server on the same machine as the floor, as a ratio measured in one run,
+//     with the client and the servers' threads on one core, on two, and where the scheduler
+//     puts them;
 //  2. 32 concurrent clients calling for ten seconds (plain calls and posted calls, each client
 //     also subscribed to a memory key): errors, lost answers and lost notifications;
 //  3. start-up time and resident memory (VmRSS) of the idle bexko daemon with the speech service.
 //
-// Usage: bench_gateway [--seconds N] [--clients N] [--round-trips N]
+// Usage: bench_gateway [--seconds N] [--clients N] [--round-trips N] [--io-threads N]
 // Runs against a temporary HOME and XDG tree; the speech service runs in the engine's fast mode.
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <sched.h>
 #include <signal.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -137,11 +142,27 @@ double percentile(std::vector<double> values, double p) {
   return values[index];
 }
 
-/// Round-trip times in microseconds of `count` exchanges after `warmup` unmeasured ones.
-std::vector<double> roundTrips(Client& client, const std::string& request, int count, int warmup) {
+/// Context switches and CPU time of the whole process (client and servers alike) so far.
+struct Usage {
+  long switches = 0;
+  double cpuUs = 0;
+  static Usage now() {
+    rusage r{};
+    getrusage(RUSAGE_SELF, &r);
+    auto us = [](const timeval& t) { return t.tv_sec * 1e6 + t.tv_usec; };
+    return {r.ru_nvcsw + r.ru_nivcsw, us(r.ru_utime) + us(r.ru_stime)};
+  }
+};
+
+/// Round-trip times in microseconds of `count` exchanges after `warmup` unmeasured ones; adds
+/// the measured exchanges' context switches and CPU time to `usage`.
+std::vector<double> roundTrips(Client& client, const std::string& request, int count, int warmup,
+                               Usage& usage) {
   std::vector<double> times;
   times.reserve(count);
+  Usage before;
   for (int i = 0; i < warmup + count; ++i) {
+    if (i == warmup) before = Usage::now();
     const auto start = Clock::now();
     client.send(request);
     client.receive();
@@ -149,7 +170,33 @@ std::vector<double> roundTrips(Client& client, const std::string& request, int c
     if (i >= warmup)
       times.push_back(std::chrono::duration<double, std::micro>(end - start).count());
   }
+  const Usage after = Usage::now();
+  usage.switches += after.switches - before.switches;
+  usage.cpuUs += after.cpuUs - before.cpuUs;
   return times;
+}
+
+// Where threads run -------------------------------------------------------------------------------
+
+std::vector<pid_t> processThreads() {
+  std::vector<pid_t> tids;
+  for (const auto& entry : boost::filesystem::directory_iterator("/proc/self/task")) {
+    tids.push_back(static_cast<pid_t>(std::atoi(entry.path().filename().c_str())));
+  }
+  return tids;
+}
+
+pid_t currentThread() { return static_cast<pid_t>(syscall(SYS_gettid)); }
+
+/// Pins the threads to one core, or lets them run anywhere when `core` is -1.
+void pinThreads(const std::vector<pid_t>& tids, int core) {
+  cpu_set_t set;
+  CPU_ZERO(&set);
+  const int cores = static_cast<int>(std::thread::hardware_concurrency());
+  for (int c = 0; c < cores; ++c) {
+    if (core < 0 || c == core) CPU_SET(c, &set);
+  }
+  for (pid_t tid : tids) sched_setaffinity(tid, sizeof(set), &set);
 }
 
 // Many clients at once ----------------------------------------------------------------------------
@@ -282,11 +329,13 @@ int main(int argc, char** argv) {
   int seconds = 10;
   int clients = 32;
   int count = 5000;
+  int ioThreads = 0;
   for (int i = 1; i + 1 < argc; i += 2) {
     const std::string option = argv[i];
     if (option == "--seconds") seconds = std::atoi(argv[i + 1]);
     if (option == "--clients") clients = std::atoi(argv[i + 1]);
     if (option == "--round-trips") count = std::atoi(argv[i + 1]);
+    if (option == "--io-threads") ioThreads = std::atoi(argv[i + 1]);
   }
   signal(SIGPIPE, SIG_IGN);
 
@@ -325,34 +374,64 @@ int main(int argc, char** argv) {
   }
   bexko::gateway::GatewayOptions options;
   options.port = 0;
+  if (ioThreads > 0) options.ioThreads = ioThreads;
   bexko::gateway::Gateway gateway(broker, options);
+  const std::vector<pid_t> before = processThreads();
   gateway.start();
   EchoServer echo;
+  // The network threads of both servers, which the round trips pin.
+  std::vector<pid_t> serverThreads;
+  for (pid_t tid : processThreads()) {
+    if (std::find(before.begin(), before.end(), tid) == before.end()) serverThreads.push_back(tid);
+  }
 
   std::printf("bexko gateway figures (%u hardware threads)\n\n",
               std::thread::hardware_concurrency());
 
   // 1. Round trip against the floor, interleaved in blocks so that both see the same machine.
+  // Where the scheduler puts the client and the server decides most of a loopback round trip
+  // (a wake-up on the same core costs a few microseconds, one across cores tens), and it puts
+  // them differently from one connection to the next: both servers are measured in each
+  // placement, pinned, and then as the scheduler places them.
   {
     Client viaGateway(gateway.port());
     Client viaEcho(echo.port());
     const std::string request =
         R"({"jsonrpc":"2.0","id":1,"method":"ZRTextToSpeech.getVolume","params":[]})";
-    std::vector<double> gatewayTimes, echoTimes;
-    const int blocks = 10;
-    for (int b = 0; b < blocks; ++b) {
-      auto g = roundTrips(viaGateway, request, count / blocks, b == 0 ? 200 : 0);
-      auto e = roundTrips(viaEcho, request, count / blocks, b == 0 ? 200 : 0);
-      gatewayTimes.insert(gatewayTimes.end(), g.begin(), g.end());
-      echoTimes.insert(echoTimes.end(), e.begin(), e.end());
+    const int cores = static_cast<int>(std::thread::hardware_concurrency());
+    struct Placement {
+      const char* name;
+      int clientCore;  // -1: wherever the scheduler likes
+      int serverCore;
+    };
+    std::vector<Placement> placements{{"same core", 0, 0}};
+    if (cores > 1) placements.push_back({"across cores", 0, 1});
+    placements.push_back({"unpinned", -1, -1});
+    std::printf("1. round trip, %d calls each, client and servers pinned as shown\n", count);
+    std::printf("   %-13s %21s %21s %17s %21s\n", "", "gateway p50/p99 us", "echo p50/p99 us",
+                "ratio p50/p99", "switches, CPU us/call");
+    for (const Placement& placement : placements) {
+      pinThreads(serverThreads, placement.serverCore);
+      pinThreads({currentThread()}, placement.clientCore);
+      std::vector<double> gatewayTimes, echoTimes;
+      Usage gatewayUsage, echoUsage;
+      const int blocks = 10;
+      for (int b = 0; b < blocks; ++b) {
+        auto g = roundTrips(viaGateway, request, count / blocks, b == 0 ? 200 : 0, gatewayUsage);
+        auto e = roundTrips(viaEcho, request, count / blocks, b == 0 ? 200 : 0, echoUsage);
+        gatewayTimes.insert(gatewayTimes.end(), g.begin(), g.end());
+        echoTimes.insert(echoTimes.end(), e.begin(), e.end());
+      }
+      const double g50 = percentile(gatewayTimes, 0.5), g99 = percentile(gatewayTimes, 0.99);
+      const double e50 = percentile(echoTimes, 0.5), e99 = percentile(echoTimes, 0.99);
+      const double n = static_cast<double>(gatewayTimes.size());
+      std::printf(
+          "   %-13s %9.1f /%9.1f %9.1f /%9.1f %7.2f /%7.2f   gw %.1f, %.0f; echo %.1f, %.0f\n",
+          placement.name, g50, g99, e50, e99, g50 / e50, g99 / e99, gatewayUsage.switches / n,
+          gatewayUsage.cpuUs / n, echoUsage.switches / n, echoUsage.cpuUs / n);
     }
-    const double g50 = percentile(gatewayTimes, 0.5), g99 = percentile(gatewayTimes, 0.99);
-    const double e50 = percentile(echoTimes, 0.5), e99 = percentile(echoTimes, 0.99);
-    std::printf("1. round trip, %zu calls each\n", gatewayTimes.size());
-    std::printf("   ZRTextToSpeech.getVolume via gateway  p50 %8.1f us   p99 %8.1f us\n", g50, g99);
-    std::printf("   Beast WebSocket echo (floor)          p50 %8.1f us   p99 %8.1f us\n", e50, e99);
-    std::printf("   ratio gateway/echo                    p50 %8.2f      p99 %8.2f\n\n", g50 / e50,
-                g99 / e99);
+    std::printf("\n");
+    pinThreads(serverThreads, -1);
     viaGateway.close();
     viaEcho.close();
   }

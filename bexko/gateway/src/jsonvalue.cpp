@@ -1,6 +1,7 @@
 #include <bexko/gateway/jsonvalue.h>
 
 #include <cfloat>
+#include <charconv>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -16,11 +17,10 @@ namespace {
 double shortestDouble(float f) {
   if (!std::isfinite(f)) return static_cast<double>(f);
   char buffer[32];
-  for (int precision = 6; precision <= 9; ++precision) {
-    std::snprintf(buffer, sizeof buffer, "%.*g", precision, static_cast<double>(f));
-    if (std::strtof(buffer, nullptr) == f) break;
-  }
-  return std::strtod(buffer, nullptr);
+  const auto written = std::to_chars(buffer, buffer + sizeof buffer, f);
+  double shortest = static_cast<double>(f);
+  std::from_chars(buffer, written.ptr, shortest);
+  return shortest;
 }
 
 nlohmann::json examplesToJson(const std::vector<ZR::ZRExampleInfo>& examples) {

@@ -37,6 +37,7 @@ class Outbox {
     return [this](std::string text) {
       std::lock_guard<std::mutex> lock(mutex_);
       frames_.push_back(json::parse(text));
+      texts_.push_back(std::move(text));
       changed_.notify_all();
     };
   }
@@ -65,11 +66,17 @@ class Outbox {
     std::lock_guard<std::mutex> lock(mutex_);
     return frames_;
   }
+  /// The frames as sent.
+  std::vector<std::string> texts() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return texts_;
+  }
 
  private:
   std::mutex mutex_;
   std::condition_variable changed_;
   std::vector<json> frames_;
+  std::vector<std::string> texts_;
 };
 
 std::string request(const json& id, const std::string& method, const json& params) {
@@ -115,6 +122,44 @@ TEST_F(RpcSessionTest, CallsByNameAreAnsweredWithTheResultOrTheFailure) {
             json({{"code", rpcerror::CallFailed}, {"message", "boom"}}));
   // bexko.modules and bexko.describe are checked through bexko-call by the daemon's tests.
   EXPECT_EQ(outbox_.frames().size(), 4u);
+}
+
+// Answers and notifications are written as text around their values rather than dumped as
+// whole documents: the bytes must still be those of the compact document, members in key order.
+TEST_F(RpcSessionTest, FramesAreTheCompactTextOfTheirDocument) {
+  fake_->addMethod("bytes", 0, [](const auto&) { return ZRValue(std::string("ok\xff!")); });
+  const auto compact = [](const json& document) {
+    return document.dump(-1, ' ', false, json::error_handler_t::replace);
+  };
+  struct Case {
+    json id;
+    std::string method;
+    json params;
+    json result;
+  };
+  const Case cases[] = {
+      {7, "ZRFake.echo", {5}, 5},
+      {-3, "ZRFake.echo", {0.75}, 0.75},
+      {json(18446744073709551615ull), "ZRFake.echo", {"say \"hi\" \u00e9"}, "say \"hi\" \u00e9"},
+      {"an \"id\"", "ZRFake.echo", {{1, "two", true}}, {1, "two", true}},
+      {nullptr, "ZRFake.nothing", nullptr, nullptr},
+      {8, "ZRFake.bytes", nullptr, "ok\xef\xbf\xbd!"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.id.dump() + " " + c.method);
+    const std::size_t before = outbox_.texts().size();
+    session_->handleText(request(c.id, c.method, c.params));
+    outbox_.answer(c.id);
+    const auto texts = outbox_.texts();
+    ASSERT_EQ(texts.size(), before + 1);
+    EXPECT_EQ(texts.back(), compact({{"jsonrpc", "2.0"}, {"id", c.id}, {"result", c.result}}));
+  }
+  const json posted =
+      call(9, "bexko.post", {{"module", "ZRFake"}, {"method", "add"}, {"args", {1, 2}}})["result"];
+  outbox_.notification("bexko.done", "id", posted["id"]);
+  EXPECT_EQ(outbox_.texts().back(), compact({{"jsonrpc", "2.0"},
+                                             {"method", "bexko.done"},
+                                             {"params", {{"id", posted["id"]}, {"result", 3}}}}));
 }
 
 TEST_F(RpcSessionTest, QuickMethodsAreAnsweredBeforeTheFrameIsLeftAndAsOtherCallsAre) {
@@ -402,7 +447,7 @@ class JsonRpcExamplesTest : public RpcSessionTest {
   testing::FakeModule* example_ = nullptr;
 };
 
-TEST_F(JsonRpcExamplesTest, EveryExampleExchangeIsAnsweredAsTheSpecificationShows) {
+TEST_F(JsonRpcExamplesTest, EveryJsonRpcExampleExchangeIsAnsweredAsTheProtocolShows) {
   struct Case {
     const char* name;
     std::string sent;

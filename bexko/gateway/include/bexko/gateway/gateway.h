@@ -44,8 +44,10 @@ struct GatewayOptions {
   /// the gateway's own address and port (see ConsoleFiles). Empty, or a folder that does not
   /// exist: no console, and plain HTTP requests are answered 426 Upgrade Required.
   std::string consoleFolder;
-  /// Threads that run the network side (calls themselves run on the broker's pool).
-  int ioThreads = 2;
+  /// Threads that run the network side (calls themselves run on the broker's pool). One
+  /// thread answers a quick call with no hand-off at all; a second makes asio's scheduler wake
+  /// it for each completion.
+  int ioThreads = 1;
 };
 
 /// The network door of the host: a WebSocket endpoint carrying JSON-RPC 2.0 text frames, one

@@ -64,10 +64,10 @@ struct RpcLimits {
 /// which holds its id; events of a key subscribed in a batch may come before it.
 ///
 /// Every answer and notification leaves through the Sender given at creation, which must be
-/// safe to call from any thread and keep the order of the calls made from one thread. After close() nothing is sent
-/// any more, subscriptions and signal connections are dropped, calls that have not started are
-/// dropped (also those waiting for a module's ko::FairMutex), and calls still running finish
-/// with their answers discarded. Posted calls are not dropped: posting hands the call over.
+/// safe to call from any thread and keep the order of the calls made from one thread. After close()
+/// nothing is sent any more, subscriptions and signal connections are dropped, calls that have not
+/// started are dropped (also those waiting for a module's ko::FairMutex), and calls still running
+/// finish with their answers discarded. Posted calls are not dropped: posting hands the call over.
 class RpcSession : public std::enable_shared_from_this<RpcSession> {
  public:
   using Sender = std::function<void(std::string text)>;
@@ -136,8 +136,10 @@ class RpcSession : public std::enable_shared_from_this<RpcSession> {
   /// Sends the answer `message` of `request`, or keeps it for its batch.
   void answer(const Request& request, nlohmann::json message,
               std::function<void()> afterAnswer = {});
-  void notify(const std::string& method, nlohmann::json params);
+  void notify(const std::string& method, const nlohmann::json& params);
   void emit(const nlohmann::json& message);
+  /// Hands a frame's text to the sender, unless the session is closed.
+  void send(std::string text);
 
   boost::shared_ptr<ZR::ZRBroker> broker_;
   RpcLimits limits_;
