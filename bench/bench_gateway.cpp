@@ -5,9 +5,12 @@
 //     puts them;
 //  2. 32 concurrent clients calling for ten seconds (plain calls and posted calls, each client
 //     also subscribed to a memory key): errors, lost answers and lost notifications;
-//  3. start-up time and resident memory (VmRSS) of the idle bexko daemon with the speech service.
+//  3. 100 WebSocket clients subscribed to one key raised 1000 times a second: delivery time from
+//     the raise to the client (p50, p99, max), losses and order;
+//  4. start-up time and resident memory (VmRSS) of the idle bexko daemon with the speech service.
 //
 // Usage: bench_gateway [--seconds N] [--clients N] [--round-trips N] [--io-threads N]
+//                      [--subscribers N] [--fan-rate N] [--fan-seconds N]
 // Runs against a temporary HOME and XDG tree; the speech service runs in the engine's fast mode.
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -25,6 +28,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -283,6 +287,90 @@ LoadResult loadClient(unsigned short port, Clock::time_point until,
   return result;
 }
 
+// Many subscribers of one key ------------------------------------------------------------------
+
+struct FanOutResult {
+  std::vector<double> latenciesUs;  // raise to receipt, every delivery
+  long expected = 0;
+  long received = 0;
+  long outOfOrder = 0;
+};
+
+/// `subscribers` WebSocket clients, all on one thread, subscribe to "Bench/Fan"; `raise(n)` is
+/// then called `rate` times a second for `seconds` seconds with n = 1, 2, ... The value raised
+/// carries its sequence number and the steady clock at the raise, so that each client measures
+/// every delivery and checks that it saw 1, 2, 3, ... in order.
+FanOutResult fanOut(unsigned short port, int subscribers, int rate, int seconds,
+                    const std::function<void(int, std::int64_t)>& raise) {
+  FanOutResult result;
+  net::io_context ioc;
+  struct Subscriber {
+    explicit Subscriber(net::io_context& ioc) : ws(ioc) {}
+    websocket::stream<tcp::socket> ws;
+    beast::flat_buffer buffer;
+    int last = 0;
+  };
+  std::vector<std::unique_ptr<Subscriber>> clients;
+  tcp::resolver resolver(ioc);
+  const auto endpoints = resolver.resolve("127.0.0.1", std::to_string(port));
+  for (int i = 0; i < subscribers; ++i) {
+    auto client = std::make_unique<Subscriber>(ioc);
+    net::connect(client->ws.next_layer(), endpoints);
+    client->ws.next_layer().set_option(tcp::no_delay(true));
+    client->ws.handshake("127.0.0.1", "/");
+    client->ws.text(true);
+    client->ws.write(net::buffer(std::string(
+        R"({"jsonrpc":"2.0","id":1,"method":"bexko.subscribe","params":{"key":"Bench/Fan"}})")));
+    client->ws.read(client->buffer);  // the subscription's answer
+    client->buffer.consume(client->buffer.size());
+    clients.push_back(std::move(client));
+  }
+  int total = rate * seconds;
+  std::atomic<int> done{0};
+  std::function<void(Subscriber&)> read = [&](Subscriber& client) {
+    client.ws.async_read(client.buffer, [&](beast::error_code ec, std::size_t) {
+      if (ec) return;
+      const auto now = Clock::now().time_since_epoch();
+      const std::string text = beast::buffers_to_string(client.buffer.data());
+      client.buffer.consume(client.buffer.size());
+      // Only the value is needed: found without parsing the whole frame.
+      const auto at = text.find(R"("value":")");
+      int seq = 0;
+      long long raisedNs = 0;
+      if (at != std::string::npos &&
+          std::sscanf(text.c_str() + at + 9, "%d %lld", &seq, &raisedNs) == 2) {
+        ++result.received;
+        if (seq != client.last + 1) ++result.outOfOrder;
+        client.last = seq;
+        result.latenciesUs.push_back(
+            (std::chrono::duration_cast<std::chrono::nanoseconds>(now).count() - raisedNs) / 1e3);
+        if (seq == total) ++done;
+      }
+      if (done < subscribers) read(client);
+    });
+  };
+  for (auto& client : clients) read(*client);
+  result.latenciesUs.reserve(static_cast<std::size_t>(total) * subscribers);
+  std::thread raiser([&] {
+    const auto start = Clock::now();
+    for (int n = 1; n <= total; ++n) {
+      std::this_thread::sleep_until(start + std::chrono::microseconds(1000000LL * n / rate));
+      raise(n, std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now().time_since_epoch())
+                   .count());
+    }
+  });
+  // Runs until every client saw the last value, or gives up 10 s after the raiser.
+  const auto giveUp = Clock::now() + std::chrono::seconds(seconds + 10);
+  while (done < subscribers && Clock::now() < giveUp) ioc.run_for(std::chrono::milliseconds(100));
+  raiser.join();
+  result.expected = static_cast<long>(total) * subscribers;
+  for (auto& client : clients) {
+    beast::error_code ec;
+    client->ws.next_layer().close(ec);
+  }
+  return result;
+}
+
 // The daemon as a process
 // ---------------------------------------------------------------------------
 
@@ -330,12 +418,18 @@ int main(int argc, char** argv) {
   int clients = 32;
   int count = 5000;
   int ioThreads = 0;
+  int subscribers = 100;
+  int fanRate = 1000;
+  int fanSeconds = 5;
   for (int i = 1; i + 1 < argc; i += 2) {
     const std::string option = argv[i];
     if (option == "--seconds") seconds = std::atoi(argv[i + 1]);
     if (option == "--clients") clients = std::atoi(argv[i + 1]);
     if (option == "--round-trips") count = std::atoi(argv[i + 1]);
     if (option == "--io-threads") ioThreads = std::atoi(argv[i + 1]);
+    if (option == "--subscribers") subscribers = std::atoi(argv[i + 1]);
+    if (option == "--fan-rate") fanRate = std::max(1, std::atoi(argv[i + 1]));
+    if (option == "--fan-seconds") fanSeconds = std::atoi(argv[i + 1]);
   }
   signal(SIGPIPE, SIG_IGN);
 
@@ -486,10 +580,28 @@ int main(int argc, char** argv) {
                 static_cast<long>(finalTick) * clients, total.eventGaps);
   }
 
+  // 3. Many subscribers of one key.
+  {
+    const FanOutResult r =
+        fanOut(gateway.port(), subscribers, fanRate, fanSeconds, [&](int n, std::int64_t ns) {
+          services.memory->raiseEvent("Bench/Fan",
+                                      ZR::ZRValue(std::to_string(n) + " " + std::to_string(ns)));
+        });
+    std::printf("3. %d WebSocket subscribers of a key raised %d times a second for %d s\n",
+                subscribers, fanRate, fanSeconds);
+    if (!r.latenciesUs.empty()) {
+      std::printf("   raise to receipt  p50 %8.1f us   p99 %8.1f us   max %8.1f us\n",
+                  percentile(r.latenciesUs, 0.5), percentile(r.latenciesUs, 0.99),
+                  percentile(r.latenciesUs, 1.0));
+    }
+    std::printf("   received %ld of %ld, out of order %ld\n\n", r.received, r.expected,
+                r.outOfOrder);
+  }
+
   gateway.stop();
   broker->shutdown();
 
-  // 3. The daemon as a user starts it.
+  // 4. The daemon as a user starts it.
   {
     pid_t pid = 0;
     double startupMs = 0;
@@ -497,7 +609,7 @@ int main(int argc, char** argv) {
     if (startDaemon(pid, startupMs, url)) {
       std::this_thread::sleep_for(std::chrono::seconds(1));
       const long rss = vmRssKiB(pid);
-      std::printf("3. bexko daemon with the speech service\n");
+      std::printf("4. bexko daemon with the speech service\n");
       std::printf("   start-up to \"listening on\"  %.0f ms\n", startupMs);
       std::printf("   VmRSS when idle             %.1f MiB\n", rss / 1024.0);
       kill(pid, SIGTERM);
@@ -506,7 +618,7 @@ int main(int argc, char** argv) {
       std::printf("   exit status after SIGTERM   %d\n",
                   WIFEXITED(status) ? WEXITSTATUS(status) : -1);
     } else {
-      std::printf("3. the daemon did not start\n");
+      std::printf("4. the daemon did not start\n");
       if (pid > 0) {
         kill(pid, SIGKILL);
         waitpid(pid, nullptr, 0);

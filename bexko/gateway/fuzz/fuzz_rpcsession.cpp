@@ -24,9 +24,9 @@ namespace {
 
 boost::shared_ptr<ZR::ZRBroker> broker;
 
-void checkFrame(const std::string& text) {
-  if (!nlohmann::json::accept(text)) {
-    std::fprintf(stderr, "the session sent a frame that is not JSON: %s\n", text.c_str());
+void checkFrame(const bexko::gateway::Frame& frame) {
+  if (!nlohmann::json::accept(*frame)) {
+    std::fprintf(stderr, "the session sent a frame that is not JSON: %s\n", frame->c_str());
     std::abort();
   }
 }

@@ -7,6 +7,7 @@
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/post.hpp>
 
 #include <bexko/gateway/access.h>
 #include <ko/log.h>
@@ -67,6 +68,11 @@ void Gateway::start() {
 
   impl_->ioc = std::make_unique<net::io_context>(options.ioThreads);
   impl_->state = std::make_shared<SharedState>(impl_->broker, options);
+  // Events reach the connections from the network thread, not from the thread that raised them.
+  impl_->state->setEventFanOut(EventFanOut::create(
+      impl_->broker, [executor = impl_->ioc->get_executor()](std::function<void()> job) {
+        net::post(executor, std::move(job));
+      }));
   try {
     impl_->listener =
         std::make_shared<Listener>(*impl_->ioc, tcp::endpoint(address, options.port), impl_->state);
@@ -116,6 +122,8 @@ void Gateway::stop(int graceMs) {
   impl_->threads.clear();
   // No network thread runs any more: cut every connection from the host before the sockets go.
   for (auto& session : impl_->state->sessions()) session->detach();
+  // Nothing may schedule onto the io_context once it is gone.
+  impl_->state->eventFanOut()->close();
   impl_->listener.reset();
   impl_->ioc.reset();
   KO_LOG(logCategory(), ko::log::info, "stop") << "stopped";

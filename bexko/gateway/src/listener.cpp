@@ -77,6 +77,10 @@ void Listener::onAccept(const boost::system::error_code& ec, tcp::socket socket)
     socket.close(ignored);
   } else {
     refusedInARow_ = 0;
+    // Frames are small and often come one at a time (an answer, an event): each leaves at
+    // once rather than waiting for the acknowledgement of the one before.
+    boost::system::error_code ignored;
+    socket.set_option(tcp::no_delay(true), ignored);
     std::make_shared<HttpSession>(std::move(socket), state_, std::move(slot))->run();
   }
   accept();

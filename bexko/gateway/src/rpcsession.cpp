@@ -54,12 +54,19 @@ nlohmann::json errorObject(int code, const ZR::ZRError& error) {
 }
 
 std::shared_ptr<RpcSession> RpcSession::create(boost::shared_ptr<ZR::ZRBroker> broker, Sender send,
-                                               RpcLimits limits) {
-  return std::shared_ptr<RpcSession>(new RpcSession(std::move(broker), std::move(send), limits));
+                                               RpcLimits limits,
+                                               std::shared_ptr<EventFanOut> fanOut) {
+  if (!fanOut) fanOut = EventFanOut::create(broker);
+  return std::shared_ptr<RpcSession>(
+      new RpcSession(std::move(broker), std::move(send), limits, std::move(fanOut)));
 }
 
-RpcSession::RpcSession(boost::shared_ptr<ZR::ZRBroker> broker, Sender send, RpcLimits limits)
-    : broker_(std::move(broker)), limits_(limits), sender_(std::move(send)) {}
+RpcSession::RpcSession(boost::shared_ptr<ZR::ZRBroker> broker, Sender send, RpcLimits limits,
+                       std::shared_ptr<EventFanOut> fanOut)
+    : broker_(std::move(broker)),
+      limits_(limits),
+      fanOut_(std::move(fanOut)),
+      sender_(std::move(send)) {}
 
 RpcSession::~RpcSession() {
   try {
@@ -97,12 +104,9 @@ void RpcSession::close() {
     std::swap(logSubscription, logSubscription_);
   }
   if (logSubscription != 0) LogFeed::instance().remove(logSubscription);
-  // Unobserving waits for a running observer, which only takes sendMutex_: no lock is held here.
-  if (!observers.empty()) {
-    if (auto store = memory()) {
-      for (const auto& entry : observers) store->unobserve(entry.second);
-    }
-  }
+  // Unsubscribing waits for an event being handed to this session, which only takes
+  // sendMutex_: no lock is held here.
+  for (const auto& entry : observers) fanOut_->unsubscribe(entry.second);
   for (auto& entry : signals) {
     try {
       entry.second.object.disconnect(entry.second.link);
@@ -520,11 +524,6 @@ void RpcSession::subscribe(const Request& request) {
          "Invalid params: bexko.subscribe takes {\"key\": non-empty string}");
     return;
   }
-  auto store = memory();
-  if (!store) {
-    fail(request, rpcerror::InternalError, "The event store \"ZRMemory\" is not running");
-    return;
-  }
   bool full = false;
   {
     std::lock_guard<std::mutex> lock(linksMutex_);
@@ -541,11 +540,13 @@ void RpcSession::subscribe(const Request& request) {
     return;
   }
   std::weak_ptr<RpcSession> weak = shared_from_this();
-  const int observer =
-      store->observe(*key, [weak](const std::string& key, const ZR::ZRValue& value) {
-        if (auto self = weak.lock())
-          self->notify("bexko.event", {{"key", key}, {"value", toJson(value)}});
-      });
+  const int observer = fanOut_->subscribe(*key, [weak](const Frame& frame) {
+    if (auto self = weak.lock()) self->sendFrame(frame);
+  });
+  if (observer == 0) {
+    fail(request, rpcerror::InternalError, "The event store \"ZRMemory\" is not running");
+    return;
+  }
   bool keep = false;
   {
     std::lock_guard<std::mutex> lock(linksMutex_);
@@ -554,7 +555,7 @@ void RpcSession::subscribe(const Request& request) {
       keep = true;
     }
   }
-  if (!keep) store->unobserve(observer);
+  if (!keep) fanOut_->unsubscribe(observer);
   reply(request, nullptr);
 }
 
@@ -577,7 +578,7 @@ void RpcSession::unsubscribe(const Request& request) {
     }
   }
   if (found) {
-    if (auto store = memory()) store->unobserve(observer);
+    fanOut_->unsubscribe(observer);
   }
   reply(request, nullptr);
 }
@@ -837,9 +838,13 @@ void RpcSession::notify(const std::string& method, const nlohmann::json& params)
 void RpcSession::emit(const nlohmann::json& message) { send(dumpText(message)); }
 
 void RpcSession::send(std::string text) {
+  sendFrame(std::make_shared<const std::string>(std::move(text)));
+}
+
+void RpcSession::sendFrame(Frame frame) {
   std::lock_guard<std::mutex> lock(sendMutex_);
   if (!open_ || !sender_) return;
-  sender_(std::move(text));
+  sender_(std::move(frame));
 }
 
 }  // namespace gateway

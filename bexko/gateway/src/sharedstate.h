@@ -10,6 +10,7 @@
 #include <boost/shared_ptr.hpp>
 
 #include <bexko/gateway/consolefiles.h>
+#include <bexko/gateway/eventfanout.h>
 #include <bexko/gateway/gateway.h>
 #include <zr/zrbroker.h>
 
@@ -44,6 +45,9 @@ class SharedState : public std::enable_shared_from_this<SharedState> {
   const boost::shared_ptr<ZR::ZRBroker>& broker() const { return broker_; }
   const GatewayOptions& options() const { return options_; }
   const ConsoleFiles& console() const { return console_; }
+  /// Carries memory events to every connection; set once, before the first connection.
+  const std::shared_ptr<EventFanOut>& eventFanOut() const { return eventFanOut_; }
+  void setEventFanOut(std::shared_ptr<EventFanOut> fanOut) { eventFanOut_ = std::move(fanOut); }
 
   /// Records where the gateway listens, once bound and before the first connection: the
   /// console's origins and its Content-Security-Policy follow from it.
@@ -66,6 +70,7 @@ class SharedState : public std::enable_shared_from_this<SharedState> {
   boost::shared_ptr<ZR::ZRBroker> broker_;
   GatewayOptions options_;
   ConsoleFiles console_;
+  std::shared_ptr<EventFanOut> eventFanOut_;
   // Set by setEndpoint before any connection is accepted, read-only afterwards.
   std::vector<std::string> consoleOrigins_;
   std::string contentSecurityPolicy_;

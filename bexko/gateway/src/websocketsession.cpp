@@ -57,10 +57,10 @@ void WebSocketSession::onAccept(beast::error_code ec) {
   std::weak_ptr<WebSocketSession> weak = shared_from_this();
   rpc_ = RpcSession::create(
       state_->broker(),
-      [weak](std::string text) {
-        if (auto self = weak.lock()) self->send(std::move(text));
+      [weak](Frame frame) {
+        if (auto self = weak.lock()) self->send(std::move(frame));
       },
-      state_->options().limits);
+      state_->options().limits, state_->eventFanOut());
   state_->join(shared_from_this());
   KO_LOG(logCategory(), ko::log::verbose, "onAccept")
       << "client connected from " << beast::get_lowest_layer(ws_).socket().remote_endpoint(ec);
@@ -86,8 +86,9 @@ void WebSocketSession::onRead(beast::error_code ec, std::size_t) {
     return;
   }
   if (!ws_.got_text()) {
-    send(R"({"jsonrpc":"2.0","id":null,"error":{"code":-32600,"message":"Invalid Request: )"
-         R"(send JSON-RPC requests as text frames"}})");
+    send(std::make_shared<const std::string>(
+        R"({"jsonrpc":"2.0","id":null,"error":{"code":-32600,"message":"Invalid Request: )"
+        R"(send JSON-RPC requests as text frames"}})"));
   } else {
     // What the request answers at once is queued from here, on the session's own thread.
     handlingThread_ = std::this_thread::get_id();
@@ -98,8 +99,7 @@ void WebSocketSession::onRead(beast::error_code ec, std::size_t) {
   read();
 }
 
-void WebSocketSession::send(std::string text) {
-  auto shared = std::make_shared<const std::string>(std::move(text));
+void WebSocketSession::send(Frame shared) {
   // An answer made while a request is handled is already on the session's strand: queued at
   // once, it goes out without a trip through the I/O queue (and possibly to the other I/O
   // thread). Anything sent from another thread is posted to the strand.
@@ -110,7 +110,7 @@ void WebSocketSession::send(std::string text) {
   net::post(ws_.get_executor(), [self = shared_from_this(), shared] { self->onSend(shared); });
 }
 
-void WebSocketSession::onSend(std::shared_ptr<const std::string> text) {
+void WebSocketSession::onSend(Frame text) {
   if (closing_ || ended_) return;
   if (queuedBytes_ + text->size() > state_->options().maxQueuedBytes) {
     KO_LOG(logCategory(), ko::log::warning, "onSend")

@@ -12,6 +12,8 @@
 #include <boost/beast/http.hpp>
 #include <boost/beast/websocket.hpp>
 
+#include <bexko/gateway/eventfanout.h>
+
 namespace bexko {
 namespace gateway {
 
@@ -30,7 +32,7 @@ class WebSocketSession : public std::enable_shared_from_this<WebSocketSession> {
   /// Accepts the upgrade `request` and starts reading.
   void run(boost::beast::http::request<boost::beast::http::string_body> request);
   /// Queues a text frame; safe from any thread.
-  void send(std::string text);
+  void send(Frame frame);
   /// Closes the connection with "going away"; safe from any thread.
   void close();
   /// Detaches the RpcSession without touching the socket, once the network threads are gone.
@@ -40,7 +42,7 @@ class WebSocketSession : public std::enable_shared_from_this<WebSocketSession> {
   void onAccept(boost::beast::error_code ec);
   void read();
   void onRead(boost::beast::error_code ec, std::size_t bytes);
-  void onSend(std::shared_ptr<const std::string> text);
+  void onSend(Frame frame);
   void write();
   void onWrite(boost::beast::error_code ec, std::size_t bytes);
   void closeWith(boost::beast::websocket::close_code code, const std::string& reason);
@@ -54,7 +56,7 @@ class WebSocketSession : public std::enable_shared_from_this<WebSocketSession> {
   std::shared_ptr<SharedState> state_;
   std::unique_ptr<ConnectionSlot> slot_;  // the connection's place, freed with the session
   std::shared_ptr<RpcSession> rpc_;
-  std::deque<std::shared_ptr<const std::string>> queue_;
+  std::deque<Frame> queue_;
   std::size_t queuedBytes_ = 0;
   bool closing_ = false;
   bool ended_ = false;

@@ -34,10 +34,10 @@ using ZR::ZRValue;
 class Outbox {
  public:
   RpcSession::Sender sender() {
-    return [this](std::string text) {
+    return [this](Frame frame) {
       std::lock_guard<std::mutex> lock(mutex_);
-      frames_.push_back(json::parse(text));
-      texts_.push_back(std::move(text));
+      frames_.push_back(json::parse(*frame));
+      texts_.push_back(*frame);
       changed_.notify_all();
     };
   }

@@ -11,6 +11,7 @@
 #include <boost/shared_ptr.hpp>
 #include <nlohmann/json.hpp>
 
+#include <bexko/gateway/eventfanout.h>
 #include <ko/cancellation.h>
 #include <ko/object.h>
 #include <zr/zrbroker.h>
@@ -70,10 +71,14 @@ struct RpcLimits {
 /// finish with their answers discarded. Posted calls are not dropped: posting hands the call over.
 class RpcSession : public std::enable_shared_from_this<RpcSession> {
  public:
-  using Sender = std::function<void(std::string text)>;
+  using Sender = std::function<void(Frame frame)>;
 
+  /// `fanOut` carries the events of subscribed keys; the gateway shares one among all its
+  /// connections. Without one, the session has its own, which hands events over on the
+  /// raising thread.
   static std::shared_ptr<RpcSession> create(boost::shared_ptr<ZR::ZRBroker> broker, Sender send,
-                                            RpcLimits limits = {});
+                                            RpcLimits limits = {},
+                                            std::shared_ptr<EventFanOut> fanOut = nullptr);
   ~RpcSession();
   RpcSession(const RpcSession&) = delete;
   RpcSession& operator=(const RpcSession&) = delete;
@@ -104,7 +109,8 @@ class RpcSession : public std::enable_shared_from_this<RpcSession> {
     ko::SignalLink link = ko::InvalidSignalLink;
   };
 
-  RpcSession(boost::shared_ptr<ZR::ZRBroker> broker, Sender send, RpcLimits limits);
+  RpcSession(boost::shared_ptr<ZR::ZRBroker> broker, Sender send, RpcLimits limits,
+             std::shared_ptr<EventFanOut> fanOut);
 
   /// Fills `request` from one request object, or says why it is not one; `request.id` is then
   /// the id to answer the error with.
@@ -138,18 +144,20 @@ class RpcSession : public std::enable_shared_from_this<RpcSession> {
               std::function<void()> afterAnswer = {});
   void notify(const std::string& method, const nlohmann::json& params);
   void emit(const nlohmann::json& message);
-  /// Hands a frame's text to the sender, unless the session is closed.
+  /// Hands a frame to the sender, unless the session is closed.
   void send(std::string text);
+  void sendFrame(Frame frame);
 
   boost::shared_ptr<ZR::ZRBroker> broker_;
   RpcLimits limits_;
+  std::shared_ptr<EventFanOut> fanOut_;
 
   mutable std::mutex sendMutex_;  // guards sender_ and keeps frames in the order they are made
   Sender sender_;
   bool open_ = true;
 
-  std::mutex linksMutex_;  // guards observers_, signals_ and logSubscription_
-  std::map<std::string, int> observers_;
+  std::mutex linksMutex_;                 // guards observers_, signals_ and logSubscription_
+  std::map<std::string, int> observers_;  // key -> EventFanOut watcher id
   int logSubscription_ = 0;  // the LogFeed id, 0 when the connection does not follow the log
   std::map<std::pair<std::string, std::string>, SignalConnection> signals_;
 
