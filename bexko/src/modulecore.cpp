@@ -2,6 +2,7 @@
 
 #include <mutex>
 #include <set>
+#include <unordered_map>
 
 #include <boost/weak_ptr.hpp>
 
@@ -56,6 +57,8 @@ struct ZRModuleCore::Impl {
   std::vector<ZRExampleInfo> examples;
   std::vector<ZREventInfo> events;  // documentation order
   std::vector<Method> methods;      // registration order
+  // Positions in `methods` by name, so that a call finds its method without comparing names.
+  std::unordered_map<std::string, std::vector<std::size_t>> byName;
   std::set<std::string> promptMethods;
   std::set<std::string> quickMethods;  // also in promptMethods
   ZRMethodInfo current;
@@ -166,6 +169,7 @@ void ZRModuleCore::bindMethodOverload(ZRFunctorPtr functor) {
                         " is already published");
     }
   }
+  impl_->byName[method.info.name].push_back(impl_->methods.size());
   impl_->methods.push_back(std::move(method));
 }
 
@@ -271,10 +275,7 @@ bool ZRModuleCore::isMethodQuick(const std::string& name) const {
 
 bool ZRModuleCore::hasMethod(const std::string& method) const {
   std::lock_guard<std::mutex> lock(impl_->mutex);
-  for (const auto& entry : impl_->methods) {
-    if (entry.info.name == method) return true;
-  }
-  return false;
+  return impl_->byName.count(method) > 0;
 }
 
 ZRValue ZRModuleCore::callMethod(const std::string& method, const std::vector<ZRValue>& args) {
@@ -282,16 +283,23 @@ ZRValue ZRModuleCore::callMethod(const std::string& method, const std::vector<ZR
   const int postedId = bexko::detail::takePostedCallMark();
 
   ZRFunctorPtr functor;
-  std::vector<int> counts;
+  std::vector<int> counts;  // the arities published under this name, when none fits
   {
     std::lock_guard<std::mutex> lock(impl_->mutex);
-    for (const auto& entry : impl_->methods) {
-      if (entry.info.name != method) continue;
-      counts.push_back(entry.info.arity);
-      if (entry.info.arity == static_cast<int>(args.size())) functor = entry.functor;
+    auto found = impl_->byName.find(method);
+    if (found != impl_->byName.end()) {
+      for (std::size_t index : found->second) {
+        if (impl_->methods[index].info.arity == static_cast<int>(args.size())) {
+          functor = impl_->methods[index].functor;
+          break;
+        }
+      }
+      if (!functor) {
+        for (std::size_t index : found->second) counts.push_back(impl_->methods[index].info.arity);
+      }
     }
   }
-  if (counts.empty()) {
+  if (!functor && counts.empty()) {
     throw ZRError(impl_->name, method, impl_->name + " has no method " + quoted(method));
   }
   if (!functor) {

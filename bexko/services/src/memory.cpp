@@ -69,6 +69,12 @@ struct Subscriber {
 };
 using SubscriberList = std::vector<Subscriber>;
 
+/// A raise whose deliveries are still to be queued, with the subscribers it had.
+struct Incoming {
+  std::shared_ptr<const RaisedValue> raised;
+  std::shared_ptr<const SubscriberList> subscribers;
+};
+
 struct ObserverEntry {
   int id;
   std::string key;
@@ -144,6 +150,16 @@ struct Memory::Impl : std::enable_shared_from_this<Memory::Impl> {
   std::map<std::string, std::shared_ptr<DeliveryQueue>> queues;              // module -> queue
   bool closed = false;
 
+  // Raises not yet queued for their subscribers, in raise order. The raising thread only
+  // appends here; one host job at a time ("the fan-out") queues each raise for every
+  // subscriber, so that a raise costs the same however many modules subscribed.
+  std::mutex incomingMutex;
+  std::deque<Incoming> incoming;
+  std::size_t incomingBytes = 0;
+  std::size_t droppedRaises = 0;
+  bool fanningOut = false;
+  bool incomingClosed = false;
+
   // The queues that have deliveries and no drainer, oldest first, and the host jobs that drain
   // them. A drainer takes one queue, delivers everything it holds as one batch, puts it back at
   // the end of the list if more came meanwhile, and ends when the list is empty. `idleDrainers`
@@ -216,6 +232,78 @@ struct Memory::Impl : std::enable_shared_from_this<Memory::Impl> {
       list->push_back(Subscriber{queueFor(entry.first), entry.second});
     }
     subscribers[key] = std::move(list);
+  }
+
+  // On the raising thread: hands a raise to the fan-out, starting it when it is not running.
+  // Beyond its bounds the fan-out loses its oldest raises, as a delivery queue does.
+  void queueRaise(std::shared_ptr<const RaisedValue> raised,
+                  std::shared_ptr<const SubscriberList> subscribers) {
+    {
+      std::lock_guard<std::mutex> lock(incomingMutex);
+      if (incomingClosed) return;
+      incomingBytes += raised->bytes;
+      incoming.push_back(Incoming{std::move(raised), std::move(subscribers)});
+      while (incoming.size() > Memory::maxPendingRaises ||
+             (incomingBytes > Memory::maxPendingRaiseBytes && incoming.size() > 1)) {
+        incomingBytes -= incoming.front().raised->bytes;
+        incoming.pop_front();
+        ++droppedRaises;
+      }
+      if (fanningOut) return;
+      fanningOut = true;
+    }
+    boost::shared_ptr<ZR::ZRBroker> owner = broker.lock();
+    std::weak_ptr<Impl> self = shared_from_this();
+    try {
+      if (owner) {
+        owner->threadPool().post([self] {
+          if (auto impl = self.lock()) impl->fanOut();
+        });
+        return;
+      }
+    } catch (const std::exception& e) {
+      KO_LOG(logCategory(), ko::log::error, "raiseEvent")
+          << "Could not schedule deliveries: " << e.what();
+    }
+    // No host thread to take it: queued here, so that nothing stays behind.
+    fanOut();
+  }
+
+  // The fan-out: queues each waiting raise for its subscribers, in raise order, and hands the
+  // queues that became ready to the drainers once per batch of raises.
+  void fanOut() {
+    std::deque<Incoming> batch;
+    std::vector<std::shared_ptr<DeliveryQueue>> newlyReady;
+    for (;;) {
+      std::size_t dropped = 0;
+      {
+        std::lock_guard<std::mutex> lock(incomingMutex);
+        if (incoming.empty() || incomingClosed) {
+          incoming.clear();
+          incomingBytes = 0;
+          fanningOut = false;
+          return;
+        }
+        batch.swap(incoming);
+        incomingBytes = 0;
+        std::swap(dropped, droppedRaises);
+      }
+      if (dropped > 0) {
+        KO_LOG(logCategory(), ko::log::warning, "raiseEvent")
+            << "The subscribers' deliveries fell behind the raises: " << dropped
+            << " older raises were dropped";
+      }
+      for (const Incoming& raise : batch) {
+        for (const Subscriber& subscriber : *raise.subscribers) {
+          if (enqueue(*subscriber.queue, raise.raised, subscriber.subscription)) {
+            newlyReady.push_back(subscriber.queue);
+          }
+        }
+      }
+      batch.clear();
+      schedule(newlyReady);
+      newlyReady.clear();
+    }
   }
 
   // Appends a delivery to a subscriber's queue; true when the queue needs a drainer. A queue
@@ -483,18 +571,12 @@ void Memory::raiseEvent(const std::string& key, const ZR::ZRValue& value) {
     auto found = d.subscribers.find(key);
     if (found != d.subscribers.end() && !d.closed) subscribers = found->second;
   }
-  // Every subscriber gets the same copy of the value; the raise only queues it, and the host's
-  // threads deliver it.
+  // Every subscriber gets the same copy of the value; the raise only hands it to the fan-out,
+  // and the host's threads queue and deliver it.
   if (subscribers) {
-    auto raised = std::make_shared<const RaisedValue>(
-        RaisedValue{key, {ZR::ZRValue(key), value, ZR::ZRValue(std::string())}, bytes});
-    std::vector<std::shared_ptr<DeliveryQueue>> newlyReady;
-    for (const Subscriber& subscriber : *subscribers) {
-      if (Impl::enqueue(*subscriber.queue, raised, subscriber.subscription)) {
-        newlyReady.push_back(subscriber.queue);
-      }
-    }
-    d.schedule(newlyReady);
+    d.queueRaise(std::make_shared<const RaisedValue>(RaisedValue{
+                     key, {ZR::ZRValue(key), value, ZR::ZRValue(std::string())}, bytes}),
+                 std::move(subscribers));
   }
 
   std::shared_ptr<const ObserverList> ofKey, ofEveryKey;
@@ -609,6 +691,12 @@ void Memory::unobserve(int id) {
 }
 
 void Memory::exit() {
+  {
+    std::lock_guard<std::mutex> lock(impl_->incomingMutex);
+    impl_->incomingClosed = true;
+    impl_->incoming.clear();
+    impl_->incomingBytes = 0;
+  }
   std::vector<std::shared_ptr<DeliveryQueue>> queues;
   {
     std::lock_guard<std::mutex> lock(impl_->dataMutex);

@@ -20,11 +20,11 @@ namespace services {
 /// at a time, in raise order, so a module sees the values of each key in the order they were
 /// raised. An error thrown by a callback is logged and does not reach the raiser.
 ///
-/// A raise only queues its value for each subscribed module (one shared copy for all of them);
-/// a few host jobs deliver the queues, each queue's deliveries as one batch, so a raise costs
-/// the same however slow the subscribers are. A module that falls behind by more than
-/// maxPendingDeliveries deliveries or maxPendingBytes bytes loses its oldest ones, with a
-/// warning in the log; the others are unaffected.
+/// A raise only hands its value (one shared copy for all subscribers) to a host job that queues
+/// it for each subscribed module; a few host jobs deliver the queues, each queue's deliveries as
+/// one batch, so a raise costs the same however many the subscribers are and however slow. A module
+/// that falls behind by more than maxPendingDeliveries deliveries or maxPendingBytes bytes loses
+/// its oldest ones, with a warning in the log; the others are unaffected.
 class Memory : public ZR::ZRModule {
  public:
   /// Receives a raised key and its value, synchronously on the raising thread.
@@ -39,6 +39,9 @@ class Memory : public ZR::ZRModule {
   /// Bounds of the deliveries waiting for one subscribed module (values counted as above).
   static constexpr std::size_t maxPendingDeliveries = 65536;
   static constexpr std::size_t maxPendingBytes = 16 * 1024 * 1024;
+  /// Bounds of the raises waiting to be queued for their subscribers.
+  static constexpr std::size_t maxPendingRaises = 4 * maxPendingDeliveries;
+  static constexpr std::size_t maxPendingRaiseBytes = 4 * maxPendingBytes;
   /// Host jobs that deliver at once. A new one starts only when every running one is inside a
   /// callback, so slow subscribers hold back the others only when this many are slow at once.
   static constexpr std::size_t maxDrainers = 16;
