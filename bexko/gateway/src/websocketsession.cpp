@@ -26,21 +26,22 @@ ko::log::CategoryType logCategory() {
 WebSocketSession::WebSocketSession(net::ip::tcp::socket&& socket,
                                    std::shared_ptr<SharedState> state,
                                    std::unique_ptr<ConnectionSlot> slot)
-    : ws_(std::move(socket)), state_(std::move(state)), slot_(std::move(slot)) {}
+    : ws_(std::move(socket)),
+      idleTimer_(ws_.get_executor()),
+      state_(std::move(state)),
+      slot_(std::move(slot)) {}
 
 // The RpcSession was closed by end() or detach(); closing it here could run inside one of its
 // own callbacks (the last reference may be released there) and wait on itself.
 WebSocketSession::~WebSocketSession() = default;
 
 void WebSocketSession::run(http::request<http::string_body> request) {
+  // Beast's own idle timeout would set its timer again at every read; the session watches
+  // idleness itself (watchIdle), and Beast keeps the handshake and closing timeouts.
   websocket::stream_base::timeout timeout =
       websocket::stream_base::timeout::suggested(beast::role_type::server);
-  if (state_->options().idleTimeout.count() > 0) {
-    // Beast pings a client that has been silent for half this time and closes the connection
-    // when nothing at all (a pong included) came back within the whole of it.
-    timeout.idle_timeout = state_->options().idleTimeout;
-    timeout.keep_alive_pings = true;
-  }
+  timeout.idle_timeout = websocket::stream_base::none();
+  timeout.keep_alive_pings = false;
   ws_.set_option(timeout);
   ws_.set_option(websocket::stream_base::decorator(
       [](websocket::response_type& response) { response.set(http::field::server, "bexko"); }));
@@ -64,7 +65,42 @@ void WebSocketSession::onAccept(beast::error_code ec) {
   state_->join(shared_from_this());
   KO_LOG(logCategory(), ko::log::verbose, "onAccept")
       << "client connected from " << beast::get_lowest_layer(ws_).socket().remote_endpoint(ec);
+  if (state_->options().idleTimeout.count() > 0) {
+    lastHeard_ = std::chrono::steady_clock::now();
+    // Runs within a read, on the session's strand; the stream belongs to this session.
+    ws_.control_callback([this](websocket::frame_type, beast::string_view) {
+      lastHeard_ = std::chrono::steady_clock::now();
+    });
+    watchIdle();
+  }
   read();
+}
+
+void WebSocketSession::watchIdle() {
+  idleTimer_.expires_after(state_->options().idleTimeout / 4);
+  idleTimer_.async_wait([self = shared_from_this()](beast::error_code ec) {
+    if (!ec) self->onIdleCheck();
+  });
+}
+
+void WebSocketSession::onIdleCheck() {
+  if (closing_ || ended_) return;
+  const auto idle = state_->options().idleTimeout;
+  const auto silent = std::chrono::steady_clock::now() - lastHeard_;
+  if (silent >= idle) {
+    KO_LOG(logCategory(), ko::log::verbose, "onIdleCheck")
+        << "closing a connection silent for "
+        << std::chrono::duration_cast<std::chrono::seconds>(silent).count() << " s";
+    // As a lost connection: the pending read ends with an error and the session with it.
+    beast::error_code ignored;
+    beast::get_lowest_layer(ws_).socket().close(ignored);
+    return;
+  }
+  if (silent >= idle / 2 && !pinging_) {
+    pinging_ = true;
+    ws_.async_ping({}, [self = shared_from_this()](beast::error_code) { self->pinging_ = false; });
+  }
+  watchIdle();
 }
 
 void WebSocketSession::read() {
@@ -74,6 +110,7 @@ void WebSocketSession::read() {
 }
 
 void WebSocketSession::onRead(beast::error_code ec, std::size_t) {
+  lastHeard_ = std::chrono::steady_clock::now();
   if (ec) {
     if (ec == websocket::error::message_too_big) {
       KO_LOG(logCategory(), ko::log::warning, "onRead")
@@ -171,6 +208,7 @@ void WebSocketSession::detach() {
 void WebSocketSession::end() {
   if (ended_) return;
   ended_ = true;
+  idleTimer_.cancel();
   if (rpc_) rpc_->close();
   state_->leave(this);
 }

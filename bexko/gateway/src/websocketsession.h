@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <thread>
 
 #include <cstddef>
@@ -8,6 +9,7 @@
 #include <memory>
 #include <string>
 
+#include <boost/asio/steady_timer.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
 #include <boost/beast/websocket.hpp>
@@ -46,6 +48,10 @@ class WebSocketSession : public std::enable_shared_from_this<WebSocketSession> {
   void write();
   void onWrite(boost::beast::error_code ec, std::size_t bytes);
   void closeWith(boost::beast::websocket::close_code code, const std::string& reason);
+  /// Looks at the connection every quarter of the idle time: pings it when it has been silent
+  /// for half of it, closes it when silent for the whole.
+  void watchIdle();
+  void onIdleCheck();
   void end();
 
   boost::beast::websocket::stream<boost::beast::tcp_stream> ws_;
@@ -53,6 +59,11 @@ class WebSocketSession : public std::enable_shared_from_this<WebSocketSession> {
   // session (see send); no thread otherwise.
   std::atomic<std::thread::id> handlingThread_{};
   boost::beast::flat_buffer buffer_;
+  // When the client was last heard (a frame, a ping or a pong), and the timer that checks it:
+  // one wake-up per quarter of the idle time rather than a timer set again at every read.
+  boost::asio::steady_timer idleTimer_;
+  std::chrono::steady_clock::time_point lastHeard_;
+  bool pinging_ = false;
   std::shared_ptr<SharedState> state_;
   std::unique_ptr<ConnectionSlot> slot_;  // the connection's place, freed with the session
   std::shared_ptr<RpcSession> rpc_;

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -69,6 +70,15 @@ class Client {
     return ws_.reason();
   }
   websocket::stream<tcp::socket>& stream() { return ws_; }
+  /// Runs this client's asynchronous operations for `duration`, or until `done` says so.
+  void runFor(std::chrono::milliseconds duration, const std::function<bool()>& done = {}) {
+    const auto deadline = std::chrono::steady_clock::now() + duration;
+    ioc_.restart();
+    while (std::chrono::steady_clock::now() < deadline && !(done && done())) {
+      ioc_.run_for(std::chrono::milliseconds(20));
+      ioc_.restart();
+    }
+  }
 
  private:
   net::io_context ioc_;
@@ -114,6 +124,42 @@ bool closedAtOnce(unsigned short port) {
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
   return false;
+}
+
+// The gateway watches idleness itself (one timer per connection, not one per read): a client
+// that answers its pings stays however long it says nothing, one that is gone is closed.
+TEST_F(GatewayTest, ASilentClientIsPingedAndClosedOnlyWhenItDoesNotAnswer) {
+  GatewayOptions options;
+  options.idleTimeout = std::chrono::seconds(2);
+  start("", options);
+
+  // Answers pings: an asynchronous read is pending all along, and Beast answers each ping.
+  Client answering(port());
+  beast::flat_buffer buffer;
+  bool answered = false;
+  answering.stream().async_read(buffer, [&](beast::error_code ec, std::size_t) { answered = !ec; });
+  // Never reads: its pings go unanswered.
+  Client gone(port());
+
+  answering.runFor(std::chrono::seconds(4));  // twice the idle time, saying nothing
+  EXPECT_FALSE(answered);
+  answering.sendText(R"({"jsonrpc":"2.0","method":"ZRFake.echo","id":1,"params":["still here"]})");
+  answering.runFor(std::chrono::seconds(5), [&] { return answered; });
+  ASSERT_TRUE(answered);
+  EXPECT_EQ(json::parse(beast::buffers_to_string(buffer.data()))["result"], "still here");
+
+  // The other was closed: what it can still read ends with the end of the connection.
+  auto& socket = gone.stream().next_layer();
+  socket.non_blocking(true);
+  char bytes[256];
+  beast::error_code ec;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+  while (std::chrono::steady_clock::now() < deadline) {
+    socket.read_some(net::buffer(bytes), ec);
+    if (ec && ec != net::error::would_block) break;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  EXPECT_TRUE(ec == net::error::eof || ec == net::error::connection_reset) << ec.message();
 }
 
 TEST_F(GatewayTest, ConnectionsBeyondTheBoundAreClosedWhileOthersAreServed) {
