@@ -160,6 +160,7 @@ struct Memory::Impl : std::enable_shared_from_this<Memory::Impl> {
   std::mutex incomingMutex;
   std::deque<Incoming> incoming;
   std::size_t incomingBytes = 0;
+  std::size_t unqueued = 0;  // raises handed over and not yet queued (or dropped)
   std::size_t droppedRaises = 0;
   bool fanningOut = false;
   bool incomingClosed = false;
@@ -247,11 +248,13 @@ struct Memory::Impl : std::enable_shared_from_this<Memory::Impl> {
       if (incomingClosed) return;
       incomingBytes += raised->bytes;
       incoming.push_back(Incoming{std::move(raised), std::move(subscribers)});
+      ++unqueued;
       while (incoming.size() > Memory::maxPendingRaises ||
              (incomingBytes > Memory::maxPendingRaiseBytes && incoming.size() > 1)) {
         incomingBytes -= incoming.front().raised->bytes;
         incoming.pop_front();
         ++droppedRaises;
+        --unqueued;
       }
       if (fanningOut) return;
       fanningOut = true;
@@ -297,6 +300,7 @@ struct Memory::Impl : std::enable_shared_from_this<Memory::Impl> {
         if (incoming.empty() || incomingClosed) {
           incoming.clear();
           incomingBytes = 0;
+          unqueued = 0;
           fanningOut = false;
           return;
         }
@@ -317,9 +321,12 @@ struct Memory::Impl : std::enable_shared_from_this<Memory::Impl> {
           }
         }
       }
+      const std::size_t done = batch.size();
       batch.clear();
       schedule(newlyReady);
       newlyReady.clear();
+      std::lock_guard<std::mutex> lock(incomingMutex);
+      unqueued -= std::min(unqueued, done);
     }
   }
 
@@ -606,6 +613,11 @@ void Memory::raiseEvent(const std::string& key, const ZR::ZRValue& value) {
   d.runObservers(ofEveryKey, key, value);
 }
 
+std::size_t Memory::pendingRaises() const {
+  std::lock_guard<std::mutex> lock(impl_->incomingMutex);
+  return impl_->unqueued;
+}
+
 void Memory::insertData(const std::string& key, const ZR::ZRValue& value) {
   if (key.empty()) throw ZR::ZRError(moduleName, "insertData", "The data key is empty");
   std::lock_guard<std::mutex> lock(impl_->dataMutex);
@@ -713,6 +725,7 @@ void Memory::exit() {
     impl_->incomingClosed = true;
     impl_->incoming.clear();
     impl_->incomingBytes = 0;
+    impl_->unqueued = 0;
   }
   std::vector<std::shared_ptr<DeliveryQueue>> queues;
   {

@@ -271,6 +271,13 @@ TEST_P(FallingBehindTest, SubscriberLosesItsOldestDeliveriesWithAWarning) {
   ASSERT_TRUE(slow.waitForCalls("onEvent", 1, waitMs));  // held in its first delivery
   const int more = static_cast<int>(c.kept) + 10;
   for (int i = 1; i <= more; ++i) memory.raiseEvent("Behind/Key", valueOf(i));
+  // A raise only hands its value over: the subscriber is let go once all are in its queue.
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(waitMs);
+  while (host.services().memory->pendingRaises() > 0 &&
+         std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  ASSERT_EQ(host.services().memory->pendingRaises(), 0u);
   *held = false;
 
   // The first delivery, then the newest `kept`, in raise order.

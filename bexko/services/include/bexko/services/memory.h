@@ -74,6 +74,9 @@ class Memory : public ZR::ZRModule {
   void unsubscribeToEvent(const std::string& key, const std::string& module);
   void unsubscribeToMicroEvent(const std::string& key, const std::string& module);
 
+  /// Raises handed to the fan-out and not yet queued for their subscribers.
+  std::size_t pendingRaises() const;
+
   /// In-process hook for the gateway and the test host: `fn` runs on the raising thread for
   /// every raise of `key` (every key when `key` is empty). Raises are observed in one global
   /// order, the same for every observer. `fn` must not block; an exception from it is logged.
