@@ -62,15 +62,19 @@ class DiscardingCallback : public TextToSpeechEngineCallbackInterface {
   void TTSEventCallBack(ZR::TextToSpeechEngineEvent, int, unsigned int) override {}
 };
 
-/// The engine alone, without the speech service, on the packages of `host`, in English; null
-/// when no language is installed.
-std::unique_ptr<ZR::TextToSpeechManager> englishEngine(bexko::testing::TestHost& host,
+/// The engine alone, without the speech service, on the packages of `host`, in English; null,
+/// with the benchmark marked as failed, when no language is installed.
+std::unique_ptr<ZR::TextToSpeechManager> englishEngine(benchmark::State& state,
+                                                       bexko::testing::TestHost& host,
                                                        DiscardingCallback& callback) {
   auto packages =
       host.broker()->getProxy("PackageManager")->call<std::vector<ko::PackageInfo>>("packages");
   auto manager = std::make_unique<ZR::TextToSpeechManager>(
       &callback, boost::make_shared<ZR::TTSLanguageInfo>());
-  if (!manager->initialize(packages)) return nullptr;
+  if (!manager->initialize(packages)) {
+    state.SkipWithError("no language installed");
+    return nullptr;
+  }
   manager->setCurrentLanguage("English");
   return manager;
 }
@@ -78,11 +82,8 @@ std::unique_ptr<ZR::TextToSpeechManager> englishEngine(bexko::testing::TestHost&
 void BM_EngineAlone(benchmark::State& state) {
   bexko::testing::TestHost host{bexko::testing::TestHostOptions{true}};
   DiscardingCallback callback;
-  auto engine = englishEngine(host, callback);
-  if (!engine) {
-    state.SkipWithError("no language installed");
-    return;
-  }
+  auto engine = englishEngine(state, host, callback);
+  if (!engine) return;
   ZR::TextToSpeechManager& manager = *engine;
   manager.startSynthetizer(kSentence);
   for (auto _ : state) {
@@ -186,11 +187,8 @@ void BM_LongSayAgainstEngine(benchmark::State& state) {
     subscribers.push_back(module);
   }
   DiscardingCallback callback;
-  auto engine = englishEngine(host, callback);
-  if (!engine) {
-    state.SkipWithError("no language installed");
-    return;
-  }
+  auto engine = englishEngine(state, host, callback);
+  if (!engine) return;
   ZR::TextToSpeechManager& manager = *engine;
   tts->say(kSentence);  // the first sentence applies the voice
   host.clearEvents();   // the test host records every raise: start each run empty

@@ -120,9 +120,7 @@ void EventFanOut::unsubscribe(int id) {
 }
 
 std::string EventFanOut::eventText(const std::string& key, const ZR::ZRValue& value) {
-  const nlohmann::json params = {{"key", key}, {"value", toJson(value)}};
-  return R"({"jsonrpc":"2.0","method":"bexko.event","params":)" +
-         params.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "}";
+  return notificationText("bexko.event", {{"key", key}, {"value", toJson(value)}});
 }
 
 void EventFanOut::handOver(Watchers& watchers, const std::string& key, const ZR::ZRValue& value) {
@@ -153,6 +151,10 @@ void EventFanOut::queue(const std::shared_ptr<Watchers>& watchers, const std::st
     if (scheduled_) return;
     scheduled_ = true;
   }
+  scheduleDrain();
+}
+
+void EventFanOut::scheduleDrain() {
   std::weak_ptr<EventFanOut> weak = shared_from_this();
   scheduler_([weak] {
     if (auto self = weak.lock()) self->drain();
@@ -189,10 +191,7 @@ void EventFanOut::drain() {
   }
   // What came meanwhile goes in a job of its own, so that the scheduler's thread serves its
   // other work in between.
-  std::weak_ptr<EventFanOut> weak = shared_from_this();
-  scheduler_([weak] {
-    if (auto self = weak.lock()) self->drain();
-  });
+  scheduleDrain();
 }
 
 }  // namespace gateway

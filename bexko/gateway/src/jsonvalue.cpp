@@ -171,5 +171,22 @@ nlohmann::json toJson(const ZR::ZRModuleInfo& info) {
           {"events", std::move(events)}};
 }
 
+std::string compactText(const nlohmann::json& json) {
+  // Ids are mostly integers: written without setting up a serializer.
+  if (json.is_number_unsigned()) return std::to_string(json.get<std::uint64_t>());
+  if (json.is_number_integer()) return std::to_string(json.get<std::int64_t>());
+  if (json.is_null()) return "null";
+  return json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
+std::string notificationText(const std::string& method, const nlohmann::json& params) {
+  std::string text = "{\"jsonrpc\":\"2.0\",\"method\":";
+  text += compactText(method);
+  text += ",\"params\":";
+  text += compactText(params);
+  text += '}';
+  return text;
+}
+
 }  // namespace gateway
 }  // namespace bexko

@@ -24,16 +24,6 @@ ko::log::CategoryType logCategory() {
 
 const std::string kHostPrefix = "bexko";
 
-/// The compact text of `value`; invalid UTF-8 from a module must not make a whole answer fail,
-/// so it is replaced.
-std::string dumpText(const nlohmann::json& value) {
-  // Ids are mostly integers: written without setting up a serializer.
-  if (value.is_number_unsigned()) return std::to_string(value.get<std::uint64_t>());
-  if (value.is_number_integer()) return std::to_string(value.get<std::int64_t>());
-  if (value.is_null()) return "null";
-  return value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
-}
-
 /// The string member `name` of a params object, or nullptr when it is missing or not a string.
 const std::string* stringParam(const nlohmann::json& params, const char* name) {
   if (!params.is_object()) return nullptr;
@@ -762,9 +752,9 @@ void RpcSession::reply(const Request& request, nlohmann::json result,
     // Written around the result's text rather than built as a document and dumped: the same
     // bytes (members in key order) without copying the result into a new object.
     std::string text = "{\"id\":";
-    text += dumpText(request.id);
+    text += compactText(request.id);
     text += ",\"jsonrpc\":\"2.0\",\"result\":";
-    text += dumpText(result);
+    text += compactText(result);
     text += '}';
     send(std::move(text));
     if (afterAnswer) afterAnswer();
@@ -827,15 +817,10 @@ void RpcSession::answer(const Request& request, nlohmann::json message,
 }
 
 void RpcSession::notify(const std::string& method, const nlohmann::json& params) {
-  std::string text = "{\"jsonrpc\":\"2.0\",\"method\":";
-  text += dumpText(method);
-  text += ",\"params\":";
-  text += dumpText(params);
-  text += '}';
-  send(std::move(text));
+  send(notificationText(method, params));
 }
 
-void RpcSession::emit(const nlohmann::json& message) { send(dumpText(message)); }
+void RpcSession::emit(const nlohmann::json& message) { send(compactText(message)); }
 
 void RpcSession::send(std::string text) {
   sendFrame(std::make_shared<const std::string>(std::move(text)));

@@ -259,21 +259,25 @@ struct Memory::Impl : std::enable_shared_from_this<Memory::Impl> {
       if (fanningOut) return;
       fanningOut = true;
     }
+    // No host thread to take it: queued here, so that nothing stays behind.
+    if (!postJob(&Impl::fanOut)) fanOut();
+  }
+
+  // Runs `job` on a host thread; false (logged when the pool refused it) when it cannot.
+  bool postJob(void (Impl::*job)()) {
     boost::shared_ptr<ZR::ZRBroker> owner = broker.lock();
+    if (!owner) return false;
     std::weak_ptr<Impl> self = shared_from_this();
     try {
-      if (owner) {
-        owner->threadPool().post([self] {
-          if (auto impl = self.lock()) impl->fanOut();
-        });
-        return;
-      }
+      owner->threadPool().post([self, job] {
+        if (auto impl = self.lock()) (impl.get()->*job)();
+      });
+      return true;
     } catch (const std::exception& e) {
       KO_LOG(logCategory(), ko::log::error, "raiseEvent")
           << "Could not schedule deliveries: " << e.what();
+      return false;
     }
-    // No host thread to take it: queued here, so that nothing stays behind.
-    fanOut();
   }
 
   // The fan-out: queues each waiting raise for its subscribers, in raise order, and hands the
@@ -380,21 +384,7 @@ struct Memory::Impl : std::enable_shared_from_this<Memory::Impl> {
   }
 
   void postDrainer() {
-    boost::shared_ptr<ZR::ZRBroker> owner = broker.lock();
-    if (!owner) {
-      releaseDrainer();
-      return;
-    }
-    std::weak_ptr<Impl> self = shared_from_this();
-    try {
-      owner->threadPool().post([self] {
-        if (auto impl = self.lock()) impl->drain();
-      });
-    } catch (const std::exception& e) {
-      releaseDrainer();
-      KO_LOG(logCategory(), ko::log::error, "raiseEvent")
-          << "Could not schedule deliveries: " << e.what();
-    }
+    if (!postJob(&Impl::drain)) releaseDrainer();
   }
 
   // A drainer: delivers the ready queues, one batch of one queue at a time, until none is left.

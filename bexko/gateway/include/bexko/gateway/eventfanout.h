@@ -71,6 +71,7 @@ class EventFanOut : public std::enable_shared_from_this<EventFanOut> {
   /// On the raising thread: queues the event and schedules the job that hands it over.
   void queue(const std::shared_ptr<Watchers>& watchers, const std::string& key,
              const ZR::ZRValue& value);
+  void scheduleDrain();
   /// The scheduled job: writes each queued event and gives it to the watchers of its key.
   void drain();
   static void handOver(Watchers& watchers, const std::string& key, const ZR::ZRValue& value);

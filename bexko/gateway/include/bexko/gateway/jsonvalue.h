@@ -39,5 +39,13 @@ std::size_t jsonNestingDepth(const std::string& text, std::size_t limit);
 /// "return" (or null), "examples"}], "signals": [name], "events": [{"key", "description"}]}.
 nlohmann::json toJson(const ZR::ZRModuleInfo& info);
 
+/// The compact text of `json`, as a frame carries it. Invalid UTF-8 from a module must not make
+/// a whole frame fail, so it is replaced.
+std::string compactText(const nlohmann::json& json);
+
+/// The text of the JSON-RPC notification `method` with `params`: the same bytes as the
+/// document dumped whole (members in key order), without building it.
+std::string notificationText(const std::string& method, const nlohmann::json& params);
+
 }  // namespace gateway
 }  // namespace bexko
