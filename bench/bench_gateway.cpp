@@ -24,13 +24,16 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <functional>
+#include <future>
 #include <iostream>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -164,7 +167,7 @@ std::vector<double> roundTrips(Client& client, const std::string& request, int c
                                Usage& usage) {
   std::vector<double> times;
   times.reserve(count);
-  Usage before;
+  Usage before = Usage::now();
   for (int i = 0; i < warmup + count; ++i) {
     if (i == warmup) before = Usage::now();
     const auto start = Clock::now();
@@ -202,6 +205,62 @@ void pinThreads(const std::vector<pid_t>& tids, int core) {
   }
   for (pid_t tid : tids) sched_setaffinity(tid, sizeof(set), &set);
 }
+
+/// A client with a thread of its own, which runs blocks of round trips when asked. Each server
+/// gets its own: the scheduler places a client thread by where the thread it last exchanged with
+/// runs, so one thread turning from one server to the other would be pulled between them, and
+/// measure the scheduler's contest for it rather than either server.
+class ClientThread {
+ public:
+  explicit ClientThread(unsigned short port) : client_(port), thread_([this] { loop(); }) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    ready_.wait(lock, [this] { return tid_ != 0; });
+  }
+  ~ClientThread() {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      stopping_ = true;
+    }
+    ready_.notify_all();
+    thread_.join();
+    client_.close();
+  }
+  pid_t tid() const { return tid_; }
+  /// roundTrips() on this client's thread; waits for its times.
+  std::vector<double> roundTrips(const std::string& request, int count, int warmup, Usage& usage) {
+    std::packaged_task<std::vector<double>()> job(
+        [&] { return ::roundTrips(client_, request, count, warmup, usage); });
+    auto times = job.get_future();
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      job_ = std::move(job);
+    }
+    ready_.notify_all();
+    return times.get();
+  }
+
+ private:
+  void loop() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    tid_ = currentThread();
+    ready_.notify_all();
+    for (;;) {
+      ready_.wait(lock, [this] { return stopping_ || job_.valid(); });
+      if (stopping_) return;
+      auto job = std::move(job_);
+      lock.unlock();
+      job();
+      lock.lock();
+    }
+  }
+  Client client_;
+  std::mutex mutex_;
+  std::condition_variable ready_;
+  std::packaged_task<std::vector<double>()> job_;
+  pid_t tid_ = 0;
+  bool stopping_ = false;
+  std::thread thread_;
+};
 
 // Many clients at once ----------------------------------------------------------------------------
 
@@ -486,10 +545,12 @@ int main(int argc, char** argv) {
   // Where the scheduler puts the client and the server decides most of a loopback round trip
   // (a wake-up on the same core costs a few microseconds, one across cores tens), and it puts
   // them differently from one connection to the next: both servers are measured in each
-  // placement, pinned, and then as the scheduler places them.
+  // placement, pinned, and then as the scheduler places them. A single client thread taking
+  // turns between the servers measured mostly which of the two the scheduler kept it beside
+  // (the dearer one lost, whichever it was), hence one client thread per server.
   {
-    Client viaGateway(gateway.port());
-    Client viaEcho(echo.port());
+    ClientThread viaGateway(gateway.port());
+    ClientThread viaEcho(echo.port());
     const std::string request =
         R"({"jsonrpc":"2.0","id":1,"method":"ZRTextToSpeech.getVolume","params":[]})";
     const int cores = static_cast<int>(std::thread::hardware_concurrency());
@@ -503,28 +564,33 @@ int main(int argc, char** argv) {
     placements.push_back({"unpinned", -1, -1});
     std::printf("1. round trip, %d calls each, client and servers pinned as shown\n", count);
     std::printf(
-        "   (unpinned: where the scheduler puts each thread, which differs from run to run\n"
-        "   and between the two servers; the pinned rows compare like with like)\n");
+        "   (each server has a client thread of its own; unpinned: where the scheduler\n"
+        "   puts the threads)\n");
     std::printf("   %-13s %21s %21s %17s %21s\n", "", "gateway p50/p99 us", "echo p50/p99 us",
                 "ratio p50/p99", "switches, CPU us/call");
     for (const Placement& placement : placements) {
       pinThreads(serverThreads, placement.serverCore);
-      pinThreads({currentThread()}, placement.clientCore);
+      pinThreads({viaGateway.tid(), viaEcho.tid()}, placement.clientCore);
       std::vector<double> gatewayTimes, echoTimes;
       Usage gatewayUsage, echoUsage;
       const int blocks = 10;
+      // The scheduler takes a while to settle the threads after their cores change (a few
+      // hundred round trips after the pinned rows): unmeasured calls first, to both servers.
+      Usage unmeasured;
+      viaGateway.roundTrips(request, 0, 2000, unmeasured);
+      viaEcho.roundTrips(request, 0, 2000, unmeasured);
       // Each block begins with unmeasured calls and the two servers take turns going first:
       // when the client turns from one server to the other, the scheduler moves threads
       // between cores for a while, and that must weigh on neither.
       for (int b = 0; b < blocks; ++b) {
-        const int warmup = b == 0 ? 200 : 50;
+        const int warmup = 50;
         std::vector<double> g, e;
         if (b % 2 == 0) {
-          g = roundTrips(viaGateway, request, count / blocks, warmup, gatewayUsage);
-          e = roundTrips(viaEcho, request, count / blocks, warmup, echoUsage);
+          g = viaGateway.roundTrips(request, count / blocks, warmup, gatewayUsage);
+          e = viaEcho.roundTrips(request, count / blocks, warmup, echoUsage);
         } else {
-          e = roundTrips(viaEcho, request, count / blocks, warmup, echoUsage);
-          g = roundTrips(viaGateway, request, count / blocks, warmup, gatewayUsage);
+          e = viaEcho.roundTrips(request, count / blocks, warmup, echoUsage);
+          g = viaGateway.roundTrips(request, count / blocks, warmup, gatewayUsage);
         }
         gatewayTimes.insert(gatewayTimes.end(), g.begin(), g.end());
         echoTimes.insert(echoTimes.end(), e.begin(), e.end());
@@ -539,8 +605,6 @@ int main(int argc, char** argv) {
     }
     std::printf("\n");
     pinThreads(serverThreads, -1);
-    viaGateway.close();
-    viaEcho.close();
   }
 
   // 2. Many clients at once, with a memory key raised all along.
