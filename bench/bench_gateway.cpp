@@ -547,7 +547,11 @@ int main(int argc, char** argv) {
   // them differently from one connection to the next: both servers are measured in each
   // placement, pinned, and then as the scheduler places them. A single client thread taking
   // turns between the servers measured mostly which of the two the scheduler kept it beside
-  // (the dearer one lost, whichever it was), hence one client thread per server.
+  // (the dearer one lost, whichever it was), hence one client thread per server. Unpinned, a
+  // client and its server tend to stay where they are, together or apart: taking turns every
+  // few hundred calls brings each pair together again and again, while one long exchange
+  // keeps whichever placement it began with, so the scheduler's placement is measured both
+  // ways.
   {
     ClientThread viaGateway(gateway.port());
     ClientThread viaEcho(echo.port());
@@ -558,22 +562,27 @@ int main(int argc, char** argv) {
       const char* name;
       int clientCore;  // -1: wherever the scheduler likes
       int serverCore;
+      bool longTurns;  // each server in two long turns instead of ten short ones
     };
-    std::vector<Placement> placements{{"same core", 0, 0}};
-    if (cores > 1) placements.push_back({"across cores", 0, 1});
-    placements.push_back({"unpinned", -1, -1});
+    std::vector<Placement> placements{{"same core", 0, 0, false}};
+    if (cores > 1) placements.push_back({"across cores", 0, 1, false});
+    placements.push_back({"unpinned", -1, -1, false});
+    placements.push_back({"unpinned, long", -1, -1, true});
     std::printf("1. round trip, %d calls each, client and servers pinned as shown\n", count);
     std::printf(
         "   (each server has a client thread of its own; unpinned: where the scheduler\n"
-        "   puts the threads)\n");
-    std::printf("   %-13s %21s %21s %17s %21s\n", "", "gateway p50/p99 us", "echo p50/p99 us",
+        "   puts the threads, the servers taking turns every %d calls; long: in two turns\n"
+        "   each, where a pair stays together or apart for thousands of calls at a time,\n"
+        "   so that row changes from run to run, either way)\n",
+        count / 10);
+    std::printf("   %-15s %21s %21s %17s %21s\n", "", "gateway p50/p99 us", "echo p50/p99 us",
                 "ratio p50/p99", "switches, CPU us/call");
     for (const Placement& placement : placements) {
       pinThreads(serverThreads, placement.serverCore);
       pinThreads({viaGateway.tid(), viaEcho.tid()}, placement.clientCore);
       std::vector<double> gatewayTimes, echoTimes;
       Usage gatewayUsage, echoUsage;
-      const int blocks = 10;
+      const int blocks = placement.longTurns ? 4 : 10;
       // The scheduler takes a while to settle the threads after their cores change (a few
       // hundred round trips after the pinned rows): unmeasured calls first, to both servers.
       Usage unmeasured;
@@ -583,9 +592,15 @@ int main(int argc, char** argv) {
       // when the client turns from one server to the other, the scheduler moves threads
       // between cores for a while, and that must weigh on neither.
       for (int b = 0; b < blocks; ++b) {
-        const int warmup = 50;
+        const int warmup = placement.longTurns ? 2000 : 50;
         std::vector<double> g, e;
-        if (b % 2 == 0) {
+        if (placement.longTurns) {
+          // Gateway, echo, echo, gateway: each turn measures one server alone.
+          const bool gatewayTurn = b == 0 || b == blocks - 1;
+          (gatewayTurn ? g : e) =
+              (gatewayTurn ? viaGateway : viaEcho)
+                  .roundTrips(request, count / 2, warmup, gatewayTurn ? gatewayUsage : echoUsage);
+        } else if (b % 2 == 0) {
           g = viaGateway.roundTrips(request, count / blocks, warmup, gatewayUsage);
           e = viaEcho.roundTrips(request, count / blocks, warmup, echoUsage);
         } else {
@@ -599,7 +614,7 @@ int main(int argc, char** argv) {
       const double e50 = percentile(echoTimes, 0.5), e99 = percentile(echoTimes, 0.99);
       const double n = static_cast<double>(gatewayTimes.size());
       std::printf(
-          "   %-13s %9.1f /%9.1f %9.1f /%9.1f %7.2f /%7.2f   gw %.1f, %.0f; echo %.1f, %.0f\n",
+          "   %-15s %9.1f /%9.1f %9.1f /%9.1f %7.2f /%7.2f   gw %.1f, %.0f; echo %.1f, %.0f\n",
           placement.name, g50, g99, e50, e99, g50 / e50, g99 / e99, gatewayUsage.switches / n,
           gatewayUsage.cpuUs / n, echoUsage.switches / n, echoUsage.cpuUs / n);
     }
