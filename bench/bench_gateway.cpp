@@ -545,13 +545,11 @@ int main(int argc, char** argv) {
   // Where the scheduler puts the client and the server decides most of a loopback round trip
   // (a wake-up on the same core costs a few microseconds, one across cores tens), and it puts
   // them differently from one connection to the next: both servers are measured in each
-  // placement, pinned, and then as the scheduler places them. A single client thread taking
-  // turns between the servers measured mostly which of the two the scheduler kept it beside
-  // (the dearer one lost, whichever it was), hence one client thread per server. Unpinned, a
-  // client and its server tend to stay where they are, together or apart: taking turns every
-  // few hundred calls brings each pair together again and again, while one long exchange
-  // keeps whichever placement it began with, so the scheduler's placement is measured both
-  // ways.
+  // placement, pinned, and then as the scheduler places them, each server from a client
+  // thread of its own (ClientThread). Unpinned, a client and its server tend to stay where
+  // they are, together or apart: taking turns every few hundred calls brings each pair
+  // together again and again, while a long turn keeps whichever placement it began with, so
+  // the scheduler's placement is measured both ways.
   {
     ClientThread viaGateway(gateway.port());
     ClientThread viaEcho(echo.port());
@@ -582,33 +580,26 @@ int main(int argc, char** argv) {
       pinThreads({viaGateway.tid(), viaEcho.tid()}, placement.clientCore);
       std::vector<double> gatewayTimes, echoTimes;
       Usage gatewayUsage, echoUsage;
-      const int blocks = placement.longTurns ? 4 : 10;
       // The scheduler takes a while to settle the threads after their cores change (a few
       // hundred round trips after the pinned rows): unmeasured calls first, to both servers.
       Usage unmeasured;
       viaGateway.roundTrips(request, 0, 2000, unmeasured);
       viaEcho.roundTrips(request, 0, 2000, unmeasured);
-      // Each block begins with unmeasured calls and the two servers take turns going first:
-      // when the client turns from one server to the other, the scheduler moves threads
+      // Turns go gateway, echo, echo, gateway: five times over in short turns, once in long
+      // ones. Each turn begins with unmeasured calls, and the servers alternate which goes
+      // first: when the client turns from one server to the other, the scheduler moves threads
       // between cores for a while, and that must weigh on neither.
-      for (int b = 0; b < blocks; ++b) {
-        const int warmup = placement.longTurns ? 2000 : 50;
-        std::vector<double> g, e;
-        if (placement.longTurns) {
-          // Gateway, echo, echo, gateway: each turn measures one server alone.
-          const bool gatewayTurn = b == 0 || b == blocks - 1;
-          (gatewayTurn ? g : e) =
+      const int rounds = placement.longTurns ? 1 : 5;
+      const int calls = count / (2 * rounds);
+      const int warmup = placement.longTurns ? 2000 : 50;
+      for (int round = 0; round < rounds; ++round) {
+        for (bool gatewayTurn : {true, false, false, true}) {
+          const auto times =
               (gatewayTurn ? viaGateway : viaEcho)
-                  .roundTrips(request, count / 2, warmup, gatewayTurn ? gatewayUsage : echoUsage);
-        } else if (b % 2 == 0) {
-          g = viaGateway.roundTrips(request, count / blocks, warmup, gatewayUsage);
-          e = viaEcho.roundTrips(request, count / blocks, warmup, echoUsage);
-        } else {
-          e = viaEcho.roundTrips(request, count / blocks, warmup, echoUsage);
-          g = viaGateway.roundTrips(request, count / blocks, warmup, gatewayUsage);
+                  .roundTrips(request, calls, warmup, gatewayTurn ? gatewayUsage : echoUsage);
+          auto& all = gatewayTurn ? gatewayTimes : echoTimes;
+          all.insert(all.end(), times.begin(), times.end());
         }
-        gatewayTimes.insert(gatewayTimes.end(), g.begin(), g.end());
-        echoTimes.insert(echoTimes.end(), e.begin(), e.end());
       }
       const double g50 = percentile(gatewayTimes, 0.5), g99 = percentile(gatewayTimes, 0.99);
       const double e50 = percentile(echoTimes, 0.5), e99 = percentile(echoTimes, 0.99);
